@@ -2,6 +2,6 @@
 
 namespace CorvidTool {
 
-void addLabelsValueTypes(std::vector<ValueType>& types) {}
+void addLabelValueTypes(std::vector<ValueType>& types) {}
 
 }  // namespace CorvidTool
