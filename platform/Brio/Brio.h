@@ -1,7 +1,9 @@
 // Umbrella header of the framework stand-ins.
 #pragma once
 
+#include <Brio/ActivityManager.h>
 #include <Brio/Entity.h>
+#include <Brio/FileDescriptor.h>
 #include <Brio/Exception.h>
 #include <Brio/Hash.h>
 #include <Brio/NboAttrLog.h>
@@ -13,3 +15,4 @@
 #include <Fennel/Fennel.h>
 #include <Flagset/Flagset.h>
 #include <Glimmer/Glimmer.h>
+#include <Quay/TimerWheel.h>
