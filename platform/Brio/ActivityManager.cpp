@@ -92,7 +92,8 @@ bool ActivityManager::clockDue() const {
   return top && top->timeMin_ <= now();
 }
 
-void ActivityManager::fireDueClocks(F64 until, bool advance) {
+std::size_t ActivityManager::fireDueClocks(F64 until, bool advance) {
+  std::size_t fired = 0;
   U64 const passStart = armSequence_;
   std::vector<Ptr<Clock>> deferred;  // held: a handler may drop its clock
   while (Clock* c = clocks_.top()) {
@@ -105,10 +106,12 @@ void ActivityManager::fireDueClocks(F64 until, bool advance) {
     if (advance && c->timeMin_ > manualNow_) manualNow_ = c->timeMin_;
     Ptr<Clock> keep(c->references() ? c : nullptr);
     c->wakeup();
+    ++fired;
   }
   for (auto const& c : deferred) {
     if (!decltype(clocks_)::contains(c.ptr()) && c->timeMin_ != never) clocks_.push(c.ptr());
   }
+  return fired;
 }
 
 void ActivityManager::advanceTime(F64 seconds) {
@@ -119,9 +122,11 @@ void ActivityManager::advanceTime(F64 seconds) {
 }
 
 void ActivityManager::runOnce(F64 maxWaitSeconds) {
-  fireDueClocks(now(), false);
+  // Handlers that ran may have changed what the caller waits for: after
+  // firing clocks only poll, so runUntil re-checks its predicate at once.
+  bool const fired = fireDueClocks(now(), false) > 0;
   F64 wait = maxWaitSeconds;
-  if (clockDue()) {
+  if (fired || stopped_ || clockDue()) {
     wait = 0;
   } else if (source_ == TimeSource::real && !clocks_.empty()) {
     F64 untilClock = clocks_.top()->timeMin_ - now();

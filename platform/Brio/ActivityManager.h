@@ -18,7 +18,8 @@
 // manual time.
 //
 // One turn of the loop (runOnce): fire the clocks that are due, then wait in
-// epoll_wait (not at all when a clock is still due) and dispatch the events.
+// epoll_wait and dispatch the events. The wait is a mere poll when a clock
+// fired or is still due, so callers re-check their condition at once.
 // A clock armed during a handler pass for a time already reached fires on the
 // next turn, never inside the pass that armed it, so a handler that keeps
 // re-arming for the past cannot starve the loop.
@@ -126,8 +127,8 @@ class ActivityManager {
   void clockArm(Clock* c);
   void clockDisarm(Clock* c) { clocks_.erase(c); }
   // Fires the clocks due at or before `until` (advancing manual time to each
-  // one's wake time when `advance`).
-  void fireDueClocks(F64 until, bool advance);
+  // one's wake time when `advance`); returns how many fired.
+  std::size_t fireDueClocks(F64 until, bool advance);
   bool clockDue() const;
 
   // epoll registration of descriptors; returns 0 or an errno value.

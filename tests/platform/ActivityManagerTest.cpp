@@ -1,0 +1,168 @@
+#include <Brio/ActivityManager.h>
+#include <Brio/FileDescriptor.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Brio::ActivityManager;
+using Brio::Clock;
+
+class Waker : public Clock::Notifiee {
+ public:
+  Waker(Brio::Ptr<Clock> const& c, std::vector<std::string>* log, std::string name)
+      : Notifiee(c), log_(log), name_(std::move(name)) {}
+  void handleWakeup() override {
+    log_->push_back(name_ + "@" + std::to_string(static_cast<int>(Brio::now() * 1000)));
+    if (action) action();
+  }
+  std::function<void()> action;
+
+ private:
+  std::vector<std::string>* log_;
+  std::string name_;
+};
+
+using Log = std::vector<std::string>;
+
+TEST(Clock, ManualTimeFiresDueClocksInOrderAtTheirOwnTimes) {
+  ActivityManager am(ActivityManager::TimeSource::manual);
+  Log log;
+  auto c1 = Clock::clockFactory("c1"), c2 = Clock::clockFactory("c2"), c3 = Clock::clockFactory("c3");
+  Waker w1(c1, &log, "c1"), w2(c2, &log, "c2"), w3(c3, &log, "c3");
+  c1->timeMinIs(3.0);
+  c2->timeMinIs(1.0);
+  c3->timeMinIs(2.0);
+  am.advanceTime(2.5);
+  EXPECT_EQ(log, (Log{"c2@1000", "c3@2000"}));
+  EXPECT_EQ(am.now(), 2.5);
+  EXPECT_EQ(c2->timeMin(), Brio::never);
+  am.advanceTime(10);
+  EXPECT_EQ(log, (Log{"c2@1000", "c3@2000", "c1@3000"}));
+}
+
+TEST(Clock, EqualTimesFireInArmingOrderAndRearmingMovesTheClock) {
+  ActivityManager am(ActivityManager::TimeSource::manual);
+  Log log;
+  auto a = Clock::clockFactory("a"), b = Clock::clockFactory("b");
+  Waker wa(a, &log, "a"), wb(b, &log, "b");
+  b->timeMinIs(1);
+  a->timeMinIs(1);
+  b->timeMinIs(5);
+  b->timeMinIs(1);  // re-armed last: fires after a
+  am.advanceTime(1);
+  EXPECT_EQ(log, (Log{"a@1000", "b@1000"}));
+}
+
+TEST(Clock, PeriodicHandlerFiresOncePerPeriodWithinOneAdvance) {
+  ActivityManager am(ActivityManager::TimeSource::manual);
+  Log log;
+  auto c = Clock::clockFactory("tick");
+  Waker w(c, &log, "t");
+  w.action = [&] { c->timeMinIs(Brio::now() + 0.25); };
+  c->timeMinIs(0.25);
+  am.advanceTime(1.0);
+  EXPECT_EQ(log, (Log{"t@250", "t@500", "t@750", "t@1000"}));
+}
+
+TEST(Clock, ClockSetToThePastFiresOnTheNextTurnNotInsideItsOwnPass) {
+  ActivityManager am(ActivityManager::TimeSource::manual);
+  Log log;
+  auto c = Clock::clockFactory("past");
+  Waker w(c, &log, "p");
+  int rearms = 0;
+  w.action = [&] {
+    if (++rearms < 3) c->timeMinIs(Brio::now() - 5);  // the past
+  };
+  am.advanceTime(10);
+  c->timeMinIs(-1);
+  am.advanceTime(0);
+  EXPECT_EQ(log.size(), 1u);
+  am.runOnce(0);
+  EXPECT_EQ(log.size(), 2u);
+  am.runOnce(0);
+  EXPECT_EQ(log.size(), 3u);
+  am.runOnce(0);
+  EXPECT_EQ(log.size(), 3u);
+}
+
+TEST(Clock, DisarmedOrDestroyedClocksNeverFire) {
+  ActivityManager am(ActivityManager::TimeSource::manual);
+  Log log;
+  auto a = Clock::clockFactory("a");
+  Waker wa(a, &log, "a");
+  a->timeMinIs(1);
+  a->timeMinIs(Brio::never);
+  {
+    auto b = Clock::clockFactory("b");
+    Waker wb(b, &log, "b");
+    b->timeMinIs(1);
+  }
+  EXPECT_EQ(am.clocks(), 0u);
+  am.advanceTime(5);
+  EXPECT_TRUE(log.empty());
+}
+
+TEST(Clock, HandlerDestroyingAnotherDueClockStopsItFiring) {
+  ActivityManager am(ActivityManager::TimeSource::manual);
+  Log log;
+  auto a = Clock::clockFactory("a");
+  auto b = Clock::clockFactory("b");
+  Waker wa(a, &log, "a");
+  auto wb = std::make_unique<Waker>(b, &log, "b");
+  wa.action = [&] {
+    wb.reset();
+    b = nullptr;
+  };
+  a->timeMinIs(1);
+  b->timeMinIs(1);
+  am.advanceTime(1);
+  EXPECT_EQ(log, (Log{"a@1000"}));
+}
+
+TEST(ActivityManager, RealTimeClockWakesRunUntil) {
+  ActivityManager am;
+  Log log;
+  auto c = Clock::clockFactory("soon");
+  Waker w(c, &log, "soon");
+  c->timeMinIs(Brio::now() + 0.02);
+  EXPECT_TRUE(am.runUntil([&] { return !log.empty(); }, 5));
+}
+
+TEST(ActivityManager, RunUntilGivesUpAfterItsTimeout) {
+  ActivityManager am;
+  double start = Brio::monotonicNow();
+  EXPECT_FALSE(am.runUntil([] { return false; }, 0.05));
+  EXPECT_GE(Brio::monotonicNow() - start, 0.05);
+}
+
+TEST(ActivityManager, StopFromHandlerEndsRun) {
+  ActivityManager am(ActivityManager::TimeSource::manual);
+  Log log;
+  auto c = Clock::clockFactory("stopper");
+  Waker w(c, &log, "s");
+  w.action = [&] { am.stop(); };
+  c->timeMinIs(0);
+  am.run();
+  EXPECT_EQ(log.size(), 1u);
+}
+
+TEST(ActivityManager, NestedManagerIsCurrentUntilDestroyed) {
+  ActivityManager outer(ActivityManager::TimeSource::manual);
+  outer.advanceTime(7);
+  {
+    ActivityManager inner(ActivityManager::TimeSource::manual);
+    EXPECT_EQ(ActivityManager::current(), &inner);
+    EXPECT_EQ(Brio::now(), 0);
+  }
+  EXPECT_EQ(ActivityManager::current(), &outer);
+  EXPECT_EQ(Brio::now(), 7);
+}
+
+}  // namespace

@@ -1,0 +1,179 @@
+#include <Brio/ActivityManager.h>
+#include <Brio/FileDescriptor.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <functional>
+
+namespace {
+
+using Brio::ActivityManager;
+using Brio::FileDescriptor;
+
+class Counter : public FileDescriptor::Notifiee {
+ public:
+  explicit Counter(Brio::Ptr<FileDescriptor> const& fd) : Notifiee(fd) {}
+  void handleReadable() override {
+    ++readable;
+    if (onReadable) onReadable();
+  }
+  void handleWritable() override { ++writable; }
+  int readable = 0;
+  int writable = 0;
+  std::function<void()> onReadable;
+};
+
+struct Pipe {
+  Pipe() { EXPECT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0); }
+  ~Pipe() {
+    if (fds[1] >= 0) close(fds[1]);
+  }
+  void put(char const* s) { ASSERT_EQ(write(fds[1], s, strlen(s)), static_cast<ssize_t>(strlen(s))); }
+  int fds[2] = {-1, -1};
+};
+
+int openDescriptors() {
+  int n = 0;
+  for (int fd = 0; fd < 4096; ++fd) n += fcntl(fd, F_GETFD) >= 0;
+  return n;
+}
+
+TEST(FileDescriptor, LevelTriggeredRepeatsEveryTurnUntilDrained) {
+  ActivityManager am;
+  Pipe p;
+  auto fd = FileDescriptor::fileDescriptorFactory("pipe", p.fds[0]);
+  Counter c(fd);
+  fd->notifyOnReadableIs(true);
+  p.put("x");
+  for (int i = 0; i < 3; ++i) am.runOnce(1);
+  EXPECT_EQ(c.readable, 3);
+  char buf[8];
+  ASSERT_EQ(read(p.fds[0], buf, sizeof buf), 1);
+  am.runOnce(0.02);
+  EXPECT_EQ(c.readable, 3);
+}
+
+TEST(FileDescriptor, EdgeTriggeredFiresOncePerArrival) {
+  ActivityManager am;
+  Pipe p;
+  auto fd = FileDescriptor::fileDescriptorFactory("pipe", p.fds[0]);
+  Counter c(fd);
+  fd->edgeTriggeredIs(true);
+  fd->notifyOnReadableIs(true);
+  p.put("x");
+  for (int i = 0; i < 3; ++i) am.runOnce(0.02);
+  EXPECT_EQ(c.readable, 1);
+  p.put("y");  // new data is a new edge, even though nothing was read
+  for (int i = 0; i < 3; ++i) am.runOnce(0.02);
+  EXPECT_EQ(c.readable, 2);
+}
+
+TEST(FileDescriptor, WritableAndReadableAreSwitchedIndependently) {
+  ActivityManager am;
+  Pipe p;
+  auto w = FileDescriptor::fileDescriptorFactory("w", p.fds[1]);
+  p.fds[1] = -1;  // owned by the entity now
+  Counter c(w);
+  w->notifyOnWritableIs(true);
+  am.runOnce(1);
+  EXPECT_EQ(c.writable, 1);
+  w->notifyOnWritableIs(false);
+  am.runOnce(0.02);
+  EXPECT_EQ(c.writable, 1);
+  EXPECT_EQ(am.descriptors(), 0u);
+}
+
+TEST(FileDescriptor, PeerHangUpCountsAsReadable) {
+  ActivityManager am;
+  Pipe p;
+  auto fd = FileDescriptor::fileDescriptorFactory("pipe", p.fds[0]);
+  Counter c(fd);
+  fd->notifyOnReadableIs(true);
+  close(p.fds[1]);
+  p.fds[1] = -1;
+  am.runOnce(1);
+  EXPECT_GE(c.readable, 1);
+}
+
+TEST(FileDescriptor, HandlerDestroyingAnotherReadyDescriptorSuppressesItsEvent) {
+  ActivityManager am;
+  Pipe p1, p2;
+  auto a = FileDescriptor::fileDescriptorFactory("a", p1.fds[0]);
+  auto b = FileDescriptor::fileDescriptorFactory("b", p2.fds[0]);
+  Counter ca(a);
+  auto cb = std::make_unique<Counter>(b);
+  a->notifyOnReadableIs(true);
+  b->notifyOnReadableIs(true);
+  p1.put("x");
+  p2.put("x");
+  int killed = 0;
+  auto kill = [&] {
+    if (cb) {
+      cb.reset();
+      b = nullptr;
+      ++killed;
+    }
+  };
+  ca.onReadable = kill;
+  am.runOnce(1);
+  EXPECT_EQ(killed, 1);
+  EXPECT_EQ(am.descriptors(), 1u);
+}
+
+TEST(FileDescriptor, ClosesItsDescriptorWithTheLastHolderAndNotOnRelease) {
+  ActivityManager am;  // its epoll descriptor is counted in `before`
+  int before = openDescriptors();
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  {
+    auto r = FileDescriptor::fileDescriptorFactory("r", fds[0]);
+    auto w = FileDescriptor::fileDescriptorFactory("w", fds[1]);
+    r->notifyOnReadableIs(true);
+    int kept = w->descriptorRelease();
+    EXPECT_EQ(w->descriptor(), -1);
+    close(kept);
+  }
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(FileDescriptor, DescriptorClosedBehindItsBackRecordsErrorAndStaysSilent) {
+  ActivityManager am;
+  Pipe p;
+  int fd0 = p.fds[0];
+  auto fd = FileDescriptor::fileDescriptorFactory("pipe", fd0);
+  close(fd0);
+  Counter c(fd);
+  fd->notifyOnReadableIs(true);
+  EXPECT_EQ(fd->errorNumber(), EBADF);
+  am.runOnce(0.01);
+  EXPECT_EQ(c.readable, 0);
+  fd->descriptorRelease();  // already closed
+}
+
+TEST(FileDescriptor, NonBlockingFlagIsTheKernelsFlag) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  auto fd = FileDescriptor::fileDescriptorFactory("r", fds[0]);
+  EXPECT_FALSE(fd->nonBlocking());
+  fd->nonBlockingIs(true);
+  EXPECT_TRUE(fcntl(fds[0], F_GETFL) & O_NONBLOCK);
+  EXPECT_TRUE(fd->nonBlocking());
+  close(fds[1]);
+}
+
+TEST(FileDescriptor, DescriptorIsReplacesAndClosesTheOldOne) {
+  ActivityManager am;
+  Pipe p1, p2;
+  auto fd = FileDescriptor::fileDescriptorFactory("r", p1.fds[0]);
+  Counter c(fd);
+  fd->notifyOnReadableIs(true);
+  fd->descriptorIs(p2.fds[0]);
+  EXPECT_EQ(fcntl(p1.fds[0], F_GETFD), -1);
+  p2.put("x");
+  am.runOnce(1);
+  EXPECT_EQ(c.readable, 1);
+}
+
+}  // namespace

@@ -1,0 +1,117 @@
+// Fennel, Glimmer and Flagset: the assertion, trace and toggle services.
+#include <Fennel/Fennel.h>
+#include <Flagset/Flagset.h>
+#include <Glimmer/Glimmer.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+TEST(FennelDeathTest, MessageCarriesTheExpressionAfterMacroExpansion) {
+  int connError = 0;
+  EXPECT_DEATH(FENNEL_ASSERT(connError == EINPROGRESS), "Assertion failed: connError == 115");
+  errno = EINTR;
+  EXPECT_DEATH(FENNEL_ASSERT(errno != EINTR), "\\(\\*__errno_location \\(\\)\\) != 4");
+  EXPECT_DEATH(FENNEL_ASSERT(0 && "Need to implement it"), "0 && \"Need to implement it\"");
+  EXPECT_DEATH(FENNEL_ASSERT_MSG(connError == 1, "connError is %d", connError), "connError is 0");
+}
+
+TEST(Fennel, TrueAssertionEvaluatesItsExpressionOnce) {
+  int calls = 0;
+  FENNEL_ASSERT(++calls == 1);
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(Glimmer, DisabledLevelsDoNotEvaluateTheStream) {
+  auto& f = Glimmer::facility("GlimmerTestQuiet");
+  f.levelsIs(0);
+  int evaluated = 0;
+  auto touch = [&] { return ++evaluated; };
+  Glimmer::Capture capture;
+  GLIMMER_TRACE(f, 3, "value " << touch());
+  EXPECT_EQ(evaluated, 0);
+  EXPECT_EQ(capture.text(), "");
+}
+
+TEST(Glimmer, EnabledLinesAreCapturedWithFacilityAndLevel) {
+  Glimmer::enable("GlimmerTestLoud", 4);
+  auto& f = Glimmer::facility("GlimmerTestLoud");
+  Glimmer::Capture capture;
+  GLIMMER_TRACE(f, 4, "connect: sd=" << 7);
+  GLIMMER_TRACE(f, 5, "too verbose");
+  EXPECT_EQ(capture.text(), "GlimmerTestLoud[4] connect: sd=7\n");
+}
+
+TEST(Glimmer, SpecSyntaxSetsRangesAndRejectsMalformedText) {
+  EXPECT_TRUE(Glimmer::enable("GlimmerTestSpec=2-3"));
+  auto& f = Glimmer::facility("GlimmerTestSpec");
+  EXPECT_FALSE(f.enabled(1));
+  EXPECT_TRUE(f.enabled(2));
+  EXPECT_TRUE(f.enabled(3));
+  EXPECT_FALSE(f.enabled(4));
+  EXPECT_FALSE(Glimmer::enable("GlimmerTestSpec=9-2"));
+  EXPECT_FALSE(Glimmer::enable("=3"));
+  EXPECT_FALSE(Glimmer::enable("GlimmerTestSpec"));
+  EXPECT_TRUE(f.enabled(2));  // a rejected spec changes nothing
+  EXPECT_TRUE(Glimmer::enable("GlimmerTestLater=0"));
+  EXPECT_TRUE(Glimmer::facility("GlimmerTestLater").enabled(0));  // made after the rule
+}
+
+class Toggles : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = std::filesystem::temp_directory_path() /
+           ("flagset-" + std::to_string(getpid()) + "-" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::create_directories(dir_);
+    setenv(Flagset::kToggleDirEnv, dir_.c_str(), 1);
+  }
+  void TearDown() override {
+    unsetenv(Flagset::kToggleDirEnv);
+    std::filesystem::remove_all(dir_);
+  }
+  void write(std::string const& text) { std::ofstream(dir_ / "Test.json") << text; }
+  std::filesystem::path dir_;
+};
+
+TEST_F(Toggles, ReadsBooleansAndIntegers) {
+  write(R"({"On": true, "Off": false, "Level": 3})");
+  EXPECT_EQ(Flagset::getToggleState("On", "Test.json", 0), 1u);
+  EXPECT_EQ(Flagset::getToggleState("Off", "Test.json", 1), 0u);
+  EXPECT_EQ(Flagset::getToggleState("Level", "Test.json", 0), 3u);
+}
+
+TEST_F(Toggles, MissingFileOrKeyGivesDefaultSilently) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Flagset::getToggleState("On", "Absent.json", 1), 1u);
+  write(R"({"Other": true})");
+  EXPECT_EQ(Flagset::getToggleState("On", "Test.json", 0), 0u);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(Toggles, MalformedFileOrValueGivesDefaultAndOneLineOnStderr) {
+  struct Row {
+    char const* text;
+    char const* reason;
+  };
+  Row const rows[] = {
+      {"{\"On\": tru", "malformed JSON"},
+      {"[true]", "not a JSON object"},
+      {"{\"On\": \"yes\"}", "neither a boolean"},
+      {"{\"On\": -1}", "neither a boolean"},
+  };
+  for (auto const& r : rows) {
+    write(r.text);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Flagset::getToggleState("On", "Test.json", 1), 1u) << r.text;
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find(r.reason), std::string::npos) << err;
+    EXPECT_EQ(err.find('\n'), err.size() - 1) << err;
+  }
+}
+
+}  // namespace

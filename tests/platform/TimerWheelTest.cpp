@@ -1,0 +1,114 @@
+#include <Brio/ActivityManager.h>
+#include <Quay/TimerWheel.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Brio::ActivityManager;
+using Quay::TimerWheel;
+
+TEST(TimerWheel, FiresInExpiryOrderOnManualTime) {
+  ActivityManager am(ActivityManager::TimeSource::manual);
+  auto wheel = TimerWheel::timerWheelFactory();
+  std::vector<int> order;
+  TimerWheel::Timer t1(wheel, [&] { order.push_back(1); });
+  TimerWheel::Timer t2(wheel, [&] { order.push_back(2); });
+  TimerWheel::Timer t3(wheel, [&] { order.push_back(3); });
+  t1.expiryIs(3);
+  t2.expiryIs(1);
+  t3.expiryIs(2);
+  EXPECT_EQ(wheel->timers(), 3u);
+  am.advanceTime(2);
+  EXPECT_EQ(order, (std::vector<int>{2, 3}));
+  EXPECT_FALSE(t2.running());
+  EXPECT_EQ(t2.expiry(), Brio::never);
+  am.advanceTime(1);
+  EXPECT_EQ(order, (std::vector<int>{2, 3, 1}));
+}
+
+TEST(TimerWheel, CancelTwiceAndCancelStoppedAreHarmless) {
+  ActivityManager am(ActivityManager::TimeSource::manual);
+  auto wheel = TimerWheel::timerWheelFactory();
+  int fired = 0;
+  TimerWheel::Timer t(wheel, [&] { ++fired; });
+  t.cancel();
+  t.expiryIs(1);
+  t.cancel();
+  t.cancel();
+  am.advanceTime(5);
+  EXPECT_EQ(fired, 0);
+  EXPECT_EQ(wheel->timers(), 0u);
+}
+
+TEST(TimerWheel, HandlerMayRearmItselfAndCancelOthers) {
+  ActivityManager am(ActivityManager::TimeSource::manual);
+  auto wheel = TimerWheel::timerWheelFactory();
+  std::vector<std::string> log;
+  std::unique_ptr<TimerWheel::Timer> victim;
+  TimerWheel::Timer retry(wheel, [&] {
+    log.push_back("retry@" + std::to_string(static_cast<int>(Brio::now())));
+    if (Brio::now() < 4) wheel->timers(), retry.expiryIs(Brio::now() + 2);
+    victim.reset();
+  });
+  victim = std::make_unique<TimerWheel::Timer>(wheel, [&] { log.push_back("victim"); });
+  retry.expiryIs(0);
+  victim->expiryIs(0);
+  am.advanceTime(10);
+  EXPECT_EQ(log, (std::vector<std::string>{"retry@0", "retry@2", "retry@4"}));
+}
+
+TEST(TimerWheel, ZeroDelayRearmFromHandlerWaitsForTheNextTurn) {
+  ActivityManager am(ActivityManager::TimeSource::manual);
+  auto wheel = TimerWheel::timerWheelFactory();
+  int fired = 0;
+  TimerWheel::Timer t(wheel, [&] {
+    if (++fired < 5) t.expiryIs(Brio::now());
+  });
+  t.expiryIs(1);
+  am.advanceTime(1);
+  EXPECT_EQ(fired, 1);
+  am.runOnce(0);
+  EXPECT_EQ(fired, 2);
+}
+
+TEST(TimerWheel, ManyTimersFireInSortedOrderAgainstAModel) {
+  ActivityManager am(ActivityManager::TimeSource::manual);
+  auto wheel = TimerWheel::timerWheelFactory();
+  std::mt19937 rng(42);
+  std::vector<double> fired;
+  std::vector<std::unique_ptr<TimerWheel::Timer>> timers;
+  std::vector<double> expected;
+  for (int i = 0; i < 2000; ++i) {
+    timers.push_back(std::make_unique<TimerWheel::Timer>(wheel, [&] { fired.push_back(Brio::now()); }));
+    double t = std::uniform_int_distribution<int>(1, 1000)(rng) / 10.0;
+    timers.back()->expiryIs(t);
+    if (i % 3 == 0) {
+      timers.back()->cancel();
+    } else if (i % 3 == 1) {
+      t += 5;
+      timers.back()->expiryIs(t);
+      expected.push_back(t);
+    } else {
+      expected.push_back(t);
+    }
+  }
+  std::sort(expected.begin(), expected.end());
+  am.advanceTime(200);
+  EXPECT_EQ(fired, expected);
+}
+
+TEST(TimerWheel, RealTimeTimerFiresThroughTheLoop) {
+  ActivityManager am;
+  auto wheel = TimerWheel::timerWheelFactory();
+  bool fired = false;
+  TimerWheel::Timer t(wheel, [&] { fired = true; });
+  t.expiryIs(Brio::now() + 0.01);
+  EXPECT_TRUE(am.runUntil([&] { return fired; }, 5));
+}
+
+}  // namespace
