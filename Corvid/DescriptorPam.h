@@ -1,0 +1,61 @@
+// DescriptorPam: the common life of endpoints that read from a descriptor.
+//
+// The owner switches an endpoint on and off with enabledIs(). Enabling opens
+// the endpoint's socket (descriptorOpen) and a PamFdSm on it, which raises
+// readableCount and writableCount once; disabling drops both, closing the
+// descriptor. Opening never throws: a failure leaves the endpoint disabled
+// with `reason` set to the failed call and its error text and `openErrno` to
+// errno, so the owner can retry later. Received batches are kept in the
+// savedPacket collection (savedPacketRx set) and rxPkt() hands them out in
+// arrival order before it reads from the socket again.
+#pragma once
+
+#include <Brio/Exception.h>
+#include <Corvid/Pam.h>
+
+namespace Corvid {
+
+class DescriptorPam : public Pam {
+ public:
+  class Notifiee : public Pam::Notifiee {
+   public:
+    virtual void handleEnabled() {}
+
+   protected:
+    Notifiee() = default;
+    explicit Notifiee(Brio::Ptr<Pam> const& pam) : Pam::Notifiee(pam) {}
+  };
+
+  bool enabled() const { return enabled_; }
+  void enabledIs(bool on);
+  // Why the last attempt to enable failed; empty after a success.
+  Brio::String const& reason() const { return reason_; }
+  int openErrno() const { return openErrno_; }
+  Brio::FileDescriptor* fileDescriptor() const { return fdSm_ ? fdSm_->fileDescriptor() : nullptr; }
+
+ protected:
+  explicit DescriptorPam(Brio::String name) : Pam(std::move(name)) {}
+  ~DescriptorPam() override = default;
+
+  // Opens the socket and returns its descriptor entity; raises
+  // Brio::ErrnoException when a call fails.
+  virtual Brio::Ptr<Brio::FileDescriptor> descriptorOpen() = 0;
+  // Drops the socket (its descriptor closes with the last holder).
+  virtual void descriptorClose() = 0;
+
+  // Queues a received packet for rxPkt(), after those already queued.
+  void rxPktSave(Brio::Ptr<Pkt> const& pkt);
+  // Takes the oldest queued packet into rxPktHolder; false when none.
+  bool rxPktSavedTake();
+  // Records a failed call in reason and rxErrors.
+  void rxFailure(Brio::Exception const& e);
+
+ private:
+  bool enabled_ = false;
+  Brio::String reason_;
+  int openErrno_ = 0;
+  U32 nextSaved_ = 0;
+  Brio::Ptr<PamFdSm> fdSm_;
+};
+
+}  // namespace Corvid

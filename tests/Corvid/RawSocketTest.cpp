@@ -1,0 +1,217 @@
+#include <Corvid/RawSocket.h>
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+
+#include "support/NetnsScope.h"
+
+namespace {
+
+using Corvid::EthSocket;
+using Corvid::IpSocket;
+using Corvid::Pkt;
+
+// An IPv4-in-Ethernet frame with a recognisable payload; checksums do not
+// matter to packet sockets.
+std::string ipv4Frame(std::string const& marker) {
+  std::string f;
+  f += std::string("\xff\xff\xff\xff\xff\xff", 6);  // broadcast: accepted by any veth end
+  f += std::string("\x02\x00\x00\x00\x00\x01", 6);
+  f += std::string("\x08\x00", 2);
+  std::string ip("\x45\x00\x00\x00\x00\x00\x00\x00\x40\xfd\x00\x00\xc6\x33\x64\x01\xc6\x33\x64\x02", 20);
+  U16 total = static_cast<U16>(20 + marker.size());
+  ip[2] = static_cast<char>(total >> 8);
+  ip[3] = static_cast<char>(total & 0xff);
+  return f + ip + marker;
+}
+
+// An independent packet socket on an interface: sends and receives frames
+// with plain system calls.
+struct PacketPeer {
+  explicit PacketPeer(char const* intf) {
+    fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL));
+    sockaddr_ll a{};
+    a.sll_family = AF_PACKET;
+    a.sll_protocol = htons(ETH_P_ALL);
+    a.sll_ifindex = static_cast<int>(if_nametoindex(intf));
+    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  }
+  ~PacketPeer() { close(fd); }
+  void send(std::string const& frame) const { ASSERT_EQ(::send(fd, frame.data(), frame.size(), 0), (ssize_t)frame.size()); }
+  // Waits for a frame containing `marker`; empty when none came.
+  std::string receiveContaining(std::string const& marker) const {
+    for (int i = 0; i < 50; ++i) {
+      pollfd p{fd, POLLIN, 0};
+      if (poll(&p, 1, 100) <= 0) continue;
+      char buf[2048];
+      ssize_t n = recv(fd, buf, sizeof buf, 0);
+      std::string f(buf, n > 0 ? static_cast<std::size_t>(n) : 0);
+      if (f.find(marker) != std::string::npos) return f;
+    }
+    return "";
+  }
+  int fd;
+};
+
+class RawSocketTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    CORVID_REQUIRE_NETNS(ns_);
+    ASSERT_TRUE(ns_.vethPair("cv0", "cv1"));
+    manager_ = Corvid::RawSocketManagerFactory();
+  }
+  CorvidTest::NetnsScope ns_;
+  Brio::Ptr<Corvid::RawSocket::Manager> manager_;
+};
+
+TEST_F(RawSocketTest, EthSocketReceivesFramesSentIntoThePeerEnd) {
+  auto s = manager_->newEthSocket("eth", "cv0", Corvid::protocolAll);
+  EXPECT_EQ(s->ifIndex(), if_nametoindex("cv0"));
+  EXPECT_TRUE(s->fileDescriptor()->nonBlocking());
+  PacketPeer peer("cv1");
+  std::string frame = ipv4Frame("corvid-eth-rx");
+  peer.send(frame);
+  Brio::Ptr<Pkt> pkt;
+  for (int i = 0; i < 100 && !pkt; ++i) {
+    pkt = s->recvPkt(nullptr);
+    if (!pkt) usleep(10000);
+  }
+  ASSERT_TRUE(pkt);
+  EXPECT_EQ(pkt->stringValue().str(), frame);
+}
+
+TEST_F(RawSocketTest, EthSocketFramesArriveAtAnIndependentReceiver) {
+  auto s = manager_->newEthSocket("eth", "cv0", Corvid::protocolAll);
+  PacketPeer peer("cv1");
+  auto pkt = Corvid::globalPktManager()->newPkt();
+  std::string frame = ipv4Frame("corvid-eth-tx");
+  pkt->stringValueIs(frame, false);
+  EXPECT_EQ(s->sendFrame(pkt), static_cast<int>(frame.size()));
+  EXPECT_EQ(peer.receiveContaining("corvid-eth-tx"), frame);
+}
+
+TEST_F(RawSocketTest, MissingInterfaceFailsWithEnodevAndKeepsOnlyTheQuerySocket) {
+  int before = CorvidTest::openDescriptors();
+  try {
+    manager_->newEthSocket("eth", "cv-missing", Corvid::protocolAll);
+    FAIL() << "no exception";
+  } catch (Brio::ErrnoException const& e) {
+    EXPECT_EQ(e.errorNumber(), ENODEV);
+  }
+  // The interface query socket is deliberately never closed; the packet
+  // socket itself is.
+  EXPECT_EQ(CorvidTest::openDescriptors(), before + 1);
+}
+
+TEST_F(RawSocketTest, IpSocketForAllProtocolsOpensProtocol255AndHeaderInclusionIsSet) {
+  struct Row {
+    Corvid::Protocol protocol;
+    IpSocket::Options options;
+    U16 opened;
+    int hdrincl;
+  };
+  // The kernel implies IP_HDRINCL for protocol 255 (IPPROTO_RAW) by itself.
+  Row const rows[] = {{Corvid::protocolAll, 1, 255, 1}, {Corvid::protocolAll, 0, 255, 1}, {17, 1, 17, 1}, {253, 0, 253, 0}};
+  for (auto const& r : rows) {
+    auto s = manager_->newIpSocket("ip", r.protocol, r.options);
+    EXPECT_EQ(s->ipProtocol(), r.opened);
+    int protocol = -1, hdrincl = -1;
+    socklen_t len = sizeof protocol;
+    getsockopt(s->descriptor(), SOL_SOCKET, SO_PROTOCOL, &protocol, &len);
+    len = sizeof hdrincl;
+    getsockopt(s->descriptor(), IPPROTO_IP, IP_HDRINCL, &hdrincl, &len);
+    EXPECT_EQ(protocol, r.opened);
+    EXPECT_EQ(hdrincl, r.hdrincl);
+  }
+}
+
+TEST_F(RawSocketTest, DeviceBindingReadsBackAndEmptyNameUnbinds) {
+  auto s = manager_->newIpSocket("ip", Corvid::protocolAll, 0);
+  auto bound = [&] {
+    char name[IFNAMSIZ] = {};
+    socklen_t len = sizeof name;
+    getsockopt(s->descriptor(), SOL_SOCKET, SO_BINDTODEVICE, name, &len);
+    return std::string(name);
+  };
+  s->deviceIs("cv0");
+  EXPECT_EQ(bound(), "cv0");
+  EXPECT_EQ(s->device(), Brio::String("cv0"));
+  s->deviceIs("");
+  EXPECT_EQ(bound(), "");
+  try {
+    s->deviceIs("cv-missing");
+    FAIL() << "no exception";
+  } catch (Brio::ErrnoException const& e) {
+    EXPECT_EQ(e.errorNumber(), ENODEV);
+  }
+}
+
+TEST_F(RawSocketTest, BufferSizesReadBackAsTheKernelKeepsThem) {
+  auto s = manager_->newIpSocket("ip", Corvid::protocolAll, 0);
+  s->setSendBufSize(65536);
+  s->setRecvBufSize(32768);
+  EXPECT_EQ(s->sendBufSize(), 2u * 65536);  // the kernel doubles for its overhead
+  EXPECT_EQ(s->recvBufSize(), 2u * 32768);
+}
+
+TEST_F(RawSocketTest, BindAcceptsALocalAddressOnly) {
+  ASSERT_EQ(CorvidTest::sh("ip addr add 198.51.100.1/24 dev cv0"), 0);
+  auto s = manager_->newIpSocket("ip", 253, 0);
+  EXPECT_NO_THROW(s->bind(Corvid::IpAddr(198, 51, 100, 1)));
+  auto other = manager_->newIpSocket("ip", 253, 0);
+  try {
+    other->bind(Corvid::IpAddr(198, 51, 100, 9));
+    FAIL() << "no exception";
+  } catch (Brio::ErrnoException const& e) {
+    EXPECT_EQ(e.errorNumber(), EADDRNOTAVAIL);
+  }
+}
+
+TEST_F(RawSocketTest, FullSendBufferOfAnEthSocketGivesNegativeResultAndNoException) {
+  // A rate limit of 8 bit/s holds the frames in the queue discipline, where
+  // they keep their send-buffer charge.
+  ASSERT_EQ(CorvidTest::sh("tc qdisc add dev cv0 root tbf rate 8bit burst 1600 limit 1000000"), 0);
+  auto s = manager_->newEthSocket("eth", "cv0", Corvid::protocolAll);
+  s->setSendBufSize(4096);
+  auto pkt = Corvid::globalPktManager()->newPkt();
+  pkt->stringValueIs(ipv4Frame(std::string(1200, 'p')), false);
+  int result = 0;
+  for (int i = 0; i < 200 && result >= 0; ++i) result = s->sendFrame(pkt);
+  EXPECT_LT(result, 0);
+  EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(RawSocketTest, RawIpSendOverflowIsENOBUFSAndRaises) {
+  // Raw IP sockets report an exhausted buffer as ENOBUFS, not EAGAIN: only
+  // EAGAIN is silent, so this one is raised.
+  ASSERT_EQ(CorvidTest::sh("ip addr add 198.51.100.1/24 dev cv0"), 0);
+  auto s = manager_->newIpSocket("ip", 253, 0);
+  s->setSendBufSize(4096);
+  auto pkt = Corvid::globalPktManager()->newPkt();
+  pkt->stringValueIs(std::string(1200, 'p'), false);
+  int error = 0;
+  for (int i = 0; i < 200 && !error; ++i) {
+    try {
+      s->sendPkt(pkt, Corvid::IpAddr(198, 51, 100, 77));  // a neighbour that never answers
+    } catch (Brio::ErrnoException const& e) {
+      error = e.errorNumber();
+    }
+  }
+  EXPECT_EQ(error, ENOBUFS);
+}
+
+TEST(RawSocketManager, DestructionWritesItsLine) {
+  testing::internal::CaptureStderr();
+  { auto m = Corvid::RawSocketManagerFactory(); }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "in RawSocket::~Manager()\n");
+}
+
+}  // namespace

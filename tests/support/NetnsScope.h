@@ -1,0 +1,80 @@
+// Test support: run a test inside a network namespace of its own.
+//
+// NetnsScope moves the calling thread into a fresh, unnamed network
+// namespace (unshare(CLONE_NEWNET)) with loopback up, and moves it back when
+// destroyed. The namespace has no name to collide with and is removed by
+// the kernel once the test's last socket in it closes, also when the test
+// fails or crashes: nothing is left behind. Commands run with sh() (ip, tc,
+// python3) inherit the namespace, so independent peers can be started in
+// it. Everything a test sends stays inside its namespace.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace CorvidTest {
+
+// Runs a shell command; returns its exit status.
+inline int sh(std::string const& command) {
+  int rc = std::system(command.c_str());
+  return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+}
+
+// Runs a shell command and returns what it printed on stdout.
+inline std::string shOutput(std::string const& command) {
+  std::string out;
+  if (FILE* p = popen(command.c_str(), "r")) {
+    char buf[4096];
+    std::size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    pclose(p);
+  }
+  return out;
+}
+
+class NetnsScope {
+ public:
+  NetnsScope() {
+    original_ = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    ok_ = original_ >= 0 && unshare(CLONE_NEWNET) == 0 && sh("ip link set lo up") == 0;
+  }
+  ~NetnsScope() {
+    if (original_ >= 0) {
+      if (setns(original_, CLONE_NEWNET) != 0) std::perror("setns back");
+      close(original_);
+    }
+  }
+  NetnsScope(NetnsScope const&) = delete;
+  NetnsScope& operator=(NetnsScope const&) = delete;
+
+  bool ok() const { return ok_; }
+  // A veth pair a <-> b, both up.
+  bool vethPair(std::string const& a, std::string const& b) const {
+    return sh("ip link add " + a + " type veth peer name " + b + " && ip link set " + a + " up && ip link set " +
+              b + " up") == 0;
+  }
+
+ private:
+  int original_ = -1;
+  bool ok_ = false;
+};
+
+// Skips the current test unless it may make network namespaces (root).
+#define CORVID_REQUIRE_NETNS(scope)                                              \
+  do {                                                                           \
+    if (!(scope).ok()) GTEST_SKIP() << "needs root to make a network namespace"; \
+  } while (0)
+
+inline int openDescriptors() {
+  int n = 0;
+  for (int fd = 0; fd < 1024; ++fd) n += fcntl(fd, F_GETFD) >= 0;
+  return n;
+}
+
+}  // namespace CorvidTest
