@@ -22,27 +22,24 @@ void DescriptorPam::enabledIs(bool on) {
   } else {
     enabled_ = false;
     fdSm_ = nullptr;
+    batch_.clear();
+    batchNext_ = 0;
     descriptorClose();
   }
   notify(&Notifiee::handleEnabled);
 }
 
 void DescriptorPam::rxPktSave(Brio::Ptr<Pkt> const& pkt) {
-  U32 index = nextSaved_++;
-  savedPacketIs(index, pkt);
-  savedPacketRxIs(index, true);
+  if (batchNext_ == batch_.size()) {
+    batch_.clear();
+    batchNext_ = 0;
+  }
+  batch_.push_back(pkt);
 }
 
 bool DescriptorPam::rxPktSavedTake() {
-  auto const& saved = savedPacketMap();
-  if (saved.empty()) return false;
-  // Indexes grow by one per packet and wrap after 2^32; the smallest key is
-  // the oldest unless the counter wrapped while packets were queued, which
-  // a queue bounded by the batch size never sees.
-  U32 index = saved.begin()->first;
-  rxPktHolderIs(saved.begin()->second);
-  savedPacketDel(index);
-  savedPacketRxDel(index);
+  if (batchNext_ == batch_.size()) return false;
+  rxPktHolderIs(std::move(batch_[batchNext_++]));
   return true;
 }
 

@@ -5,13 +5,17 @@
 // readableCount and writableCount once; disabling drops both, closing the
 // descriptor. Opening never throws: a failure leaves the endpoint disabled
 // with `reason` set to the failed call and its error text and `openErrno` to
-// errno, so the owner can retry later. Received batches are kept in the
-// savedPacket collection (savedPacketRx set) and rxPkt() hands them out in
-// arrival order before it reads from the socket again.
+// errno, so the owner can retry later. A batch read by rxPktBulk() is queued
+// inside the endpoint and rxPkt() hands it out in arrival order before it
+// reads from the socket again. (The queue is a plain vector rather than the
+// reflected savedPacket collection: a map insertion and two notifications
+// per packet would cost more than the batching saves.)
 #pragma once
 
 #include <Brio/Exception.h>
 #include <Corvid/Pam.h>
+
+#include <vector>
 
 namespace Corvid {
 
@@ -32,6 +36,8 @@ class DescriptorPam : public Pam {
   Brio::String const& reason() const { return reason_; }
   int openErrno() const { return openErrno_; }
   Brio::FileDescriptor* fileDescriptor() const { return fdSm_ ? fdSm_->fileDescriptor() : nullptr; }
+  // Packets of the last batch not yet handed out by rxPkt().
+  U32 batchQueued() const { return static_cast<U32>(batch_.size() - batchNext_); }
 
  protected:
   explicit DescriptorPam(Brio::String name) : Pam(std::move(name)) {}
@@ -54,7 +60,8 @@ class DescriptorPam : public Pam {
   bool enabled_ = false;
   Brio::String reason_;
   int openErrno_ = 0;
-  U32 nextSaved_ = 0;
+  std::vector<Brio::Ptr<Pkt>> batch_;
+  std::size_t batchNext_ = 0;
   Brio::Ptr<PamFdSm> fdSm_;
 };
 

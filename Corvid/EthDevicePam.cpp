@@ -44,19 +44,19 @@ S32 EthDevicePam::doGetBulkRxPkt() {
     spare_.push_back(std::move(pkt));
   }
   U32 const n = batchSize_;
-  std::vector<mmsghdr> headers(n);
+  headers_.assign(n, mmsghdr{});
   for (U32 i = 0; i < n; ++i) {
-    headers[i].msg_hdr.msg_iov = const_cast<iovec*>(spare_[i]->ioVecs());
-    headers[i].msg_hdr.msg_iovlen = 1;
+    headers_[i].msg_hdr.msg_iov = const_cast<iovec*>(spare_[i]->ioVecs());
+    headers_[i].msg_hdr.msg_iovlen = 1;
   }
-  int got = recvmmsg(socket_->descriptor(), headers.data(), n, MSG_DONTWAIT, nullptr);
+  int got = recvmmsg(socket_->descriptor(), headers_.data(), n, MSG_DONTWAIT, nullptr);
   if (got < 0) {
     if (errno != EAGAIN) rxFailure(Brio::ErrnoException("recvmmsg", errno));
     return 0;
   }
   for (int i = 0; i < got; ++i) {
     Brio::Ptr<Pkt>& pkt = spare_[i];
-    pkt->delSharedTailData(pkt->maxSharedData() - headers[i].msg_len);
+    pkt->delSharedTailData(pkt->maxSharedData() - headers_[i].msg_len);
     rxPktSave(pkt);
   }
   spare_.erase(spare_.begin(), spare_.begin() + got);

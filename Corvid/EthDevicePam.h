@@ -2,9 +2,10 @@
 // over an EthSocket (so it receives the IPv4 frames the socket is bound to).
 //
 // rxPktBulk() reads up to batchSize frames with one recvmmsg call, queues
-// them as saved packets and returns how many it read; rxPkt() hands queued
-// frames out in arrival order and reads one frame itself when the queue is
-// empty. Packets not filled by a batch are kept for the next one, so a
+// them and returns how many it read; rxPkt() hands queued frames out in
+// arrival order and reads one frame itself when the queue is empty. A batch
+// reader therefore calls rxPkt() exactly n times after a batch of n:
+//   while (S32 n = pam->rxPktBulk()) while (n-- > 0) handle(pam->rxPkt()); Packets not filled by a batch are kept for the next one, so a
 // batch allocates only for the frames it delivers. txPktIs() sends a whole
 // frame: EAGAIN and sending while disabled count as txDrops, other failures
 // as txErrors with txErrno. Read failures (the interface went away, say)
@@ -13,6 +14,8 @@
 
 #include <Corvid/DescriptorPam.h>
 #include <Corvid/RawSocket.h>
+
+#include <sys/socket.h>
 
 #include <vector>
 
@@ -45,6 +48,7 @@ class EthDevicePam : public DescriptorPam {
   U32 batchSize_ = defaultBatchSize;
   Brio::Ptr<EthSocket> socket_;
   std::vector<Brio::Ptr<Pkt>> spare_;  // claimed whole, waiting for a frame
+  std::vector<mmsghdr> headers_;       // kept across batches: no allocation per call
 };
 
 }  // namespace Corvid

@@ -12,7 +12,14 @@ Ptr<FileDescriptor> FileDescriptor::fileDescriptorFactory(String name, int descr
 }
 
 FileDescriptor::FileDescriptor(String name, int descriptor)
-    : Entity(std::move(name)), manager_(ActivityManager::current()), descriptor_(descriptor) {}
+    : Entity(std::move(name)), manager_(ActivityManager::current()), descriptor_(descriptor) {
+  nonBlockingRead();
+}
+
+void FileDescriptor::nonBlockingRead() {
+  int flags = descriptor_ < 0 ? -1 : fcntl(descriptor_, F_GETFL);
+  nonBlocking_ = flags >= 0 && (flags & O_NONBLOCK);
+}
 
 FileDescriptor::~FileDescriptor() {
   manager_->fdDeregister(this);
@@ -29,6 +36,7 @@ void FileDescriptor::descriptorIs(int fd) {
   manager_->fdDeregister(this);
   if (descriptor_ >= 0) ::close(descriptor_);
   descriptor_ = fd;
+  nonBlockingRead();
   registrationUpdate();
 }
 
@@ -36,13 +44,8 @@ int FileDescriptor::descriptorRelease() {
   manager_->fdDeregister(this);
   int fd = descriptor_;
   descriptor_ = -1;
+  nonBlocking_ = false;
   return fd;
-}
-
-bool FileDescriptor::nonBlocking() const {
-  if (descriptor_ < 0) return false;
-  int flags = fcntl(descriptor_, F_GETFL);
-  return flags >= 0 && (flags & O_NONBLOCK);
 }
 
 void FileDescriptor::nonBlockingIs(bool on) {
@@ -53,7 +56,11 @@ void FileDescriptor::nonBlockingIs(bool on) {
     return;
   }
   int wanted = on ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
-  if (wanted != flags && fcntl(descriptor_, F_SETFL, wanted) < 0) errorNumber_ = errno;
+  if (wanted != flags && fcntl(descriptor_, F_SETFL, wanted) < 0) {
+    errorNumber_ = errno;
+    return;
+  }
+  nonBlocking_ = on;
 }
 
 void FileDescriptor::notifyOnReadableIs(bool on) {

@@ -40,8 +40,11 @@ class FileDescriptor : public Entity {
   // Gives up the descriptor without closing it; the entity holds -1 after.
   int descriptorRelease();
 
-  // O_NONBLOCK of the descriptor, read from and written to the kernel.
-  bool nonBlocking() const;
+  // O_NONBLOCK of the descriptor. Read from the kernel when a descriptor is
+  // taken and kept from then on (receive paths check it per packet, and a
+  // fcntl there would cost a system call each time); change it through
+  // nonBlockingIs, not behind the entity's back.
+  bool nonBlocking() const { return nonBlocking_; }
   void nonBlockingIs(bool on);
 
   bool notifyOnReadable() const { return notifyOnReadable_; }
@@ -61,6 +64,7 @@ class FileDescriptor : public Entity {
  private:
   friend class ActivityManager;
   void registrationUpdate();
+  void nonBlockingRead();
 
   ActivityManager* manager_;
   int descriptor_;
@@ -68,6 +72,7 @@ class FileDescriptor : public Entity {
   bool notifyOnWritable_ = false;
   bool edgeTriggered_ = false;
   bool registered_ = false;
+  bool nonBlocking_ = false;
   U32 slot_ = 0;
   int errorNumber_ = 0;
 };

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "support/NetnsScope.h"
+#include "support/PacketPeer.h"
 
 namespace {
 
@@ -19,47 +20,8 @@ using Corvid::EthSocket;
 using Corvid::IpSocket;
 using Corvid::Pkt;
 
-// An IPv4-in-Ethernet frame with a recognisable payload; checksums do not
-// matter to packet sockets.
-std::string ipv4Frame(std::string const& marker) {
-  std::string f;
-  f += std::string("\xff\xff\xff\xff\xff\xff", 6);  // broadcast: accepted by any veth end
-  f += std::string("\x02\x00\x00\x00\x00\x01", 6);
-  f += std::string("\x08\x00", 2);
-  std::string ip("\x45\x00\x00\x00\x00\x00\x00\x00\x40\xfd\x00\x00\xc6\x33\x64\x01\xc6\x33\x64\x02", 20);
-  U16 total = static_cast<U16>(20 + marker.size());
-  ip[2] = static_cast<char>(total >> 8);
-  ip[3] = static_cast<char>(total & 0xff);
-  return f + ip + marker;
-}
-
-// An independent packet socket on an interface: sends and receives frames
-// with plain system calls.
-struct PacketPeer {
-  explicit PacketPeer(char const* intf) {
-    fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL));
-    sockaddr_ll a{};
-    a.sll_family = AF_PACKET;
-    a.sll_protocol = htons(ETH_P_ALL);
-    a.sll_ifindex = static_cast<int>(if_nametoindex(intf));
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  }
-  ~PacketPeer() { close(fd); }
-  void send(std::string const& frame) const { ASSERT_EQ(::send(fd, frame.data(), frame.size(), 0), (ssize_t)frame.size()); }
-  // Waits for a frame containing `marker`; empty when none came.
-  std::string receiveContaining(std::string const& marker) const {
-    for (int i = 0; i < 50; ++i) {
-      pollfd p{fd, POLLIN, 0};
-      if (poll(&p, 1, 100) <= 0) continue;
-      char buf[2048];
-      ssize_t n = recv(fd, buf, sizeof buf, 0);
-      std::string f(buf, n > 0 ? static_cast<std::size_t>(n) : 0);
-      if (f.find(marker) != std::string::npos) return f;
-    }
-    return "";
-  }
-  int fd;
-};
+using CorvidTest::ipv4Frame;
+using CorvidTest::PacketPeer;
 
 class RawSocketTest : public ::testing::Test {
  protected:

@@ -43,17 +43,17 @@ TEST(TestPam, QueuedPacketsReachTheOwnerThroughTheLoopInOrder) {
   EXPECT_EQ(owner.got, (std::vector<std::string>{"early", "a", "b"}));
 }
 
-TEST(TestPam, BulkReceiveSavesTheBatchAndRxPktHandsItOutInOrder) {
+TEST(TestPam, BulkReceiveQueuesTheBatchAndRxPktHandsItOutInOrder) {
   Brio::ActivityManager am;
   auto pam = TestPam::testPamFactory("test");
   pam->enabledIs(true);
   for (auto t : {"1", "2", "3"}) pam->rxPktEnq(packetWith(t));
   EXPECT_EQ(pam->rxPktBulk(), 3);
-  EXPECT_EQ(pam->savedPackets(), 3u);
+  EXPECT_EQ(pam->batchQueued(), 3u);
   std::string order;
   while (auto p = pam->rxPkt()) order += p->stringValue().str();
   EXPECT_EQ(order, "123");
-  EXPECT_EQ(pam->savedPackets(), 0u);
+  EXPECT_EQ(pam->batchQueued(), 0u);
 }
 
 TEST(TestPam, TransmitKeepsPacketsInOrderAndDropsWhileDisabled) {

@@ -1,0 +1,165 @@
+#include <Brio/ActivityManager.h>
+#include <Corvid/DatagramPam.h>
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "support/NetnsScope.h"
+
+namespace {
+
+using Corvid::DatagramPam;
+using Corvid::IpAddr;
+
+IpAddr const localhost(127, 0, 0, 1);
+
+// An owner as agents write them: drains on every readable change.
+class Owner : public Corvid::DescriptorPam::Notifiee {
+ public:
+  explicit Owner(Brio::Ptr<DatagramPam> const& p) : Notifiee(p), pam_(p.ptr()) {}
+  void handleReadableCount() override {
+    while (auto pkt = pam_->rxPkt()) {
+      got.push_back(pkt->stringValue().str());
+      sourcePort = pam_->rxSourcePort();
+    }
+  }
+  std::vector<std::string> got;
+  U16 sourcePort = 0;
+
+ private:
+  DatagramPam* pam_;
+};
+
+// The independent peer: a plain UDP socket on loopback.
+struct Peer {
+  Peer() {
+    fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    port = ntohs(a.sin_port);
+  }
+  ~Peer() { close(fd); }
+  void sendTo(U16 to, std::string const& data) const {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(to);
+    sendto(fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  }
+  std::string receive() const {
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, 2000) <= 0) return "<nothing>";
+    char buf[2048];
+    ssize_t n = recv(fd, buf, sizeof buf, 0);
+    return std::string(buf, n > 0 ? static_cast<std::size_t>(n) : 0);
+  }
+  int fd;
+  U16 port;
+};
+
+class DatagramPamTest : public ::testing::Test {
+ protected:
+  void SetUp() override { CORVID_REQUIRE_NETNS(ns_); }
+  CorvidTest::NetnsScope ns_;
+  Brio::ActivityManager am_;
+};
+
+TEST_F(DatagramPamTest, DatagramsReachTheOwnerThroughTheLoop) {
+  auto pam = DatagramPam::datagramPamFactory("udp", localhost, 0);
+  Owner owner(pam);
+  pam->enabledIs(true);
+  ASSERT_TRUE(pam->enabled()) << pam->reason();
+  ASSERT_NE(pam->boundPort(), 0);
+  Peer peer;
+  peer.sendTo(pam->boundPort(), "one");
+  peer.sendTo(pam->boundPort(), "two");
+  EXPECT_TRUE(am_.runUntil([&] { return owner.got.size() == 2; }, 2));
+  EXPECT_EQ(owner.got, (std::vector<std::string>{"one", "two"}));
+  EXPECT_EQ(owner.sourcePort, peer.port);
+}
+
+TEST_F(DatagramPamTest, EmptyDatagramCountsAsErrorAndDrainingGoesOn) {
+  auto pam = DatagramPam::datagramPamFactory("udp", localhost, 0);
+  Owner owner(pam);
+  pam->enabledIs(true);
+  Peer peer;
+  peer.sendTo(pam->boundPort(), "");
+  peer.sendTo(pam->boundPort(), "after");
+  EXPECT_TRUE(am_.runUntil([&] { return owner.got.size() == 1; }, 2));
+  EXPECT_EQ(owner.got, (std::vector<std::string>{"after"}));
+  EXPECT_EQ(pam->rxErrors(), 1u);
+  EXPECT_EQ(pam->reason(), Brio::String("read from tap socket returned 0"));
+}
+
+TEST_F(DatagramPamTest, TransmitReachesThePeerAndCountsWhatItCannotSend) {
+  auto pam = DatagramPam::datagramPamFactory("udp", localhost, 0);
+  Peer peer;
+  auto pkt = Corvid::globalPktManager()->newPkt();
+  pkt->stringValueIs("reply", false);
+  pam->txDestinationIs(localhost, peer.port);
+  pam->txPktIs(pkt);  // disabled
+  EXPECT_EQ(pam->txDrops(), 1u);
+  pam->enabledIs(true);
+  pam->txPktIs(pkt);
+  EXPECT_EQ(peer.receive(), "reply");
+  testing::internal::CaptureStderr();
+  pam->txDestinationIs(IpAddr(255, 255, 255, 255), 9);  // refused without SO_BROADCAST
+  pam->txPktIs(pkt);
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(pam->txErrors(), 1u);
+  EXPECT_EQ(pam->txErrno(), static_cast<U32>(EACCES));
+}
+
+TEST_F(DatagramPamTest, VanishedPeerDoesNotDisturbTheEndpoint) {
+  auto pam = DatagramPam::datagramPamFactory("udp", localhost, 0);
+  Owner owner(pam);
+  pam->enabledIs(true);
+  U16 gonePort;
+  {
+    Peer gone;
+    gonePort = gone.port;
+  }
+  auto pkt = Corvid::globalPktManager()->newPkt();
+  pkt->stringValueIs("anyone?", false);
+  pam->txDestinationIs(localhost, gonePort);
+  for (int i = 0; i < 3; ++i) pam->txPktIs(pkt);
+  am_.runOnce(0.05);
+  EXPECT_EQ(pam->txErrors() + pam->rxErrors(), 0u);
+  Peer peer;
+  peer.sendTo(pam->boundPort(), "still here");
+  EXPECT_TRUE(am_.runUntil([&] { return owner.got.size() == 1; }, 2));
+}
+
+TEST_F(DatagramPamTest, FailedEnableKeepsTheReasonAndStaysDisabled) {
+  auto pam = DatagramPam::datagramPamFactory("udp", IpAddr(192, 0, 2, 1), 0);  // not ours
+  int before = CorvidTest::openDescriptors();
+  pam->enabledIs(true);
+  EXPECT_FALSE(pam->enabled());
+  EXPECT_EQ(pam->openErrno(), EADDRNOTAVAIL);
+  EXPECT_EQ(pam->reason(), Brio::String("bind: Cannot assign requested address"));
+  EXPECT_EQ(CorvidTest::openDescriptors(), before);
+}
+
+TEST_F(DatagramPamTest, EnableDisableCyclesLeakNoDescriptor) {
+  int before = CorvidTest::openDescriptors();
+  {
+    auto pam = DatagramPam::datagramPamFactory("udp", localhost, 0);
+    for (int i = 0; i < 5; ++i) {
+      pam->enabledIs(true);
+      pam->enabledIs(false);
+    }
+    pam->enabledIs(true);
+  }
+  EXPECT_EQ(CorvidTest::openDescriptors(), before);
+}
+
+}  // namespace
