@@ -48,8 +48,8 @@ struct PacketPeer {
     ASSERT_EQ(::send(fd, frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
   }
   // Waits for a frame containing `marker`; empty when none came.
-  std::string receiveContaining(std::string const& marker) const {
-    for (int i = 0; i < 50; ++i) {
+  std::string receiveContaining(std::string const& marker, int pollsOf100ms = 50) const {
+    for (int i = 0; i < pollsOf100ms; ++i) {
       pollfd p{fd, POLLIN, 0};
       if (poll(&p, 1, 100) <= 0) continue;
       char buf[2048];
