@@ -1,0 +1,108 @@
+#include <Corvid/VrfName.h>
+
+#include <Brio/TextForm.h>
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <unordered_set>
+
+using Corvid::NamespaceName;
+using L3::VrfName;
+
+namespace {
+
+std::string const vrfLengthMessage = "VrfName::value::bytes > VrfName::maxLength not allowed";
+
+TEST(VrfName, NamedValuesAndDefault) {
+  EXPECT_EQ(VrfName().value(), "default");
+  EXPECT_TRUE(VrfName().isDefault());
+  EXPECT_EQ(VrfName::defaultVrf(), VrfName());
+  EXPECT_EQ(VrfName::allVrfs().value(), "all");
+  EXPECT_EQ(VrfName::multiSrcVrf().value(), "multiple source VRFs");
+  EXPECT_FALSE(VrfName("blue").isDefault());
+  EXPECT_FALSE(VrfName("Default").isDefault());
+}
+
+TEST(VrfName, LengthLimitIs100BytesAndFailureKeepsTheValue) {
+  EXPECT_EQ(VrfName(std::string(100, 'v')).value().bytes(), 100u);
+  VrfName v("blue");
+  try {
+    v.stringValueIs(std::string(101, 'v'));
+    ADD_FAILURE() << "101 bytes accepted";
+  } catch (Brio::RangeException const& e) {
+    EXPECT_EQ(e.what(), vrfLengthMessage);
+  }
+  EXPECT_EQ(v.stringValue(), "blue");
+  EXPECT_THROW(VrfName(Brio::String(std::string(101, 'v'))), Brio::RangeException);
+}
+
+TEST(VrfName, StrepIsQuotedAndReadsBackAnyBytes) {
+  struct {
+    char const* name;
+    char const* strep;
+  } const cases[] = {{"blue", "'blue'"}, {"", "''"}, {"it's", "'it\\'s'"}, {"multiple source VRFs", "'multiple source VRFs'"}};
+  for (auto const& c : cases) {
+    VrfName v(c.name);
+    EXPECT_EQ(valueToStrep(v), c.strep);
+    EXPECT_EQ(Brio::strepToValue<VrfName>(c.strep), v);
+  }
+  std::string longStrep = "'" + std::string(101, 'x') + "'";
+  try {
+    Brio::strepToValue<VrfName>(longStrep);
+    ADD_FAILURE();
+  } catch (Brio::RangeException const& e) {
+    EXPECT_EQ(e.what(), vrfLengthMessage);
+  }
+}
+
+TEST(VrfName, OrderIsByteOrderAndHashFollowsEquality) {
+  std::set<VrfName> s{VrfName("red"), VrfName("blue"), VrfName("default"), VrfName("Blue")};
+  std::string joined;
+  for (auto const& v : s) joined += v.value().str() + " ";
+  EXPECT_EQ(joined, "Blue blue default red ");
+  std::unordered_set<VrfName> u{VrfName("a"), VrfName("a"), VrfName("b")};
+  EXPECT_EQ(u.size(), 2u);
+  EXPECT_NE(VrfName("a").hash(1), VrfName("a").hash(2));
+}
+
+TEST(VrfName, NetNsVrfStripsTheNamespacePrefix) {
+  EXPECT_EQ(VrfName::netNsVrf(NamespaceName("ns-blue")), VrfName("blue"));
+  EXPECT_EQ(VrfName::netNsVrf(NamespaceName("default")), VrfName("default"));
+  EXPECT_EQ(VrfName::netNsVrf(NamespaceName()), VrfName::defaultVrf());
+  EXPECT_EQ(VrfName::netNsVrf(NamespaceName("ns-")), VrfName(""));
+  // A namespace name can be longer than any VRF name.
+  EXPECT_THROW(VrfName::netNsVrf(NamespaceName(Brio::String("ns-" + std::string(101, 'x')))),
+               Brio::RangeException);
+}
+
+TEST(VrfNameDeathTest, NetNsVrfOfANonVrfNamespaceAborts) {
+  EXPECT_DEATH(VrfName::netNsVrf(NamespaceName("blue")), "netNs.value\\(\\).charPos\\( nsPrefix \\) == 0");
+  EXPECT_DEATH(VrfName::netNsVrf(NamespaceName("xns-blue")), "netNs.value\\(\\).charPos\\( nsPrefix \\) == 0");
+}
+
+TEST(NamespaceName, DefaultLimitAndAttrLog) {
+  EXPECT_EQ(NamespaceName().value(), "default");
+  EXPECT_TRUE(NamespaceName().isDefault());
+  EXPECT_EQ(NamespaceName(Brio::String(std::string(150, 'n'))).value().bytes(), 150u);
+  NamespaceName n("ns-red");
+  try {
+    n.valueIs(Brio::String(std::string(151, 'n')));
+    ADD_FAILURE();
+  } catch (Brio::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "NamespaceName::value::bytes > 150 not allowed");
+  }
+  EXPECT_EQ(n.value(), "ns-red");
+  Brio::NboAttrLog log;
+  attrLogWrite(log, n);
+  attrLogWrite(log, VrfName("blue"));
+  Brio::NboAttrLog in(log.data());
+  EXPECT_EQ(attrLogRead(in, static_cast<NamespaceName*>(nullptr)), n);
+  EXPECT_EQ(attrLogRead(in, static_cast<VrfName*>(nullptr)), VrfName("blue"));
+  Brio::NboAttrLog tooLong;
+  tooLong.writeString(Brio::String(std::string(151, 'n')));
+  Brio::NboAttrLog tooLongIn(tooLong.data());
+  EXPECT_THROW(attrLogRead(tooLongIn, static_cast<NamespaceName*>(nullptr)), Brio::RangeException);
+}
+
+}  // namespace
