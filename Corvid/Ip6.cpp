@@ -1,0 +1,469 @@
+// IPv6 values: element access, masks, the RFC 5952 printer and the reader.
+#include <Corvid/Ip.h>
+
+#include <Fennel/Fennel.h>
+
+#include <array>
+
+namespace Corvid {
+
+namespace {
+
+using ipDetail::TextError;
+
+// Digit values by character, -1 for a non-digit: one load per character in
+// the reader instead of three range tests.
+constexpr std::array<S8, 256> makeHexTable() {
+  std::array<S8, 256> t{};
+  for (unsigned c = 0; c < 256; ++c) t[c] = static_cast<S8>(hexDigitValue(static_cast<char>(c)));
+  return t;
+}
+constexpr std::array<S8, 256> hexTable = makeHexTable();
+
+inline int hexValue(char c) { return hexTable[static_cast<unsigned char>(c)]; }
+
+// Group text without leading zeros.
+char* writeHex16(char* p, U32 v) {
+  unsigned const digits = (35 - static_cast<unsigned>(std::countl_zero(v | 1))) >> 2;
+  for (unsigned i = digits; i-- > 0; v >>= 4) p[i] = lowerHexDigits[v & 0xf];
+  return p + digits;
+}
+
+[[noreturn]] void indexOutOfRange(char const* call) {
+  Brio::throwRangeException(std::string("Ip6Addr::") + call + ": index out of range");
+}
+
+// A length after '/' at p: decimal digits, saturating so that a long run
+// is still refused as too long rather than wrapping.
+TextError readLength(char const*& p, char const* e, U32* len) {
+  if (p == e || !ipDetail::isDecimalDigit(*p)) return TextError::ip6PrefixSizeExpected;
+  U32 v = 0;
+  for (; p != e && ipDetail::isDecimalDigit(*p); ++p) {
+    if (v <= 128) v = v * 10 + static_cast<U32>(*p - '0');
+  }
+  if (v > 128) return TextError::ip6PrefixTooLong;
+  *len = v;
+  return TextError::none;
+}
+
+TextError readFullMask(char const*& p, char const* e, Ip6AddrWithFullMask* out) {
+  Ip6Addr address;
+  TextError err = ipDetail::readIp6(p, e, &address);
+  if (err != TextError::none) return err;
+  if (p == e || *p != '/') return TextError::ip6MaskExpected;
+  ++p;
+  // The writer gives "/len" for contiguous masks: a decimal run that does
+  // not go on as an address is a length.
+  char const* r = p;
+  bool decimal = true;
+  for (; r != e && hexValue(*r) >= 0; ++r) decimal = decimal && ipDetail::isDecimalDigit(*r);
+  Ip6Addr mask;
+  if (r != p && decimal && (r == e || (*r != ':' && *r != '.'))) {
+    U32 len;
+    err = readLength(p, e, &len);
+    if (err != TextError::none) return err;
+    mask = Ip6Addr::maskOfLength(len);
+  } else {
+    err = ipDetail::readIp6(p, e, &mask);
+    if (err != TextError::none) return err;
+  }
+  *out = Ip6AddrWithFullMask(address, mask);
+  return TextError::none;
+}
+
+template <class T, class Reader>
+T readAt(Brio::StringIter& pos, Brio::StringIter const& end, Reader read) {
+  char const* const start = ipDetail::at(pos);
+  char const* p = start;
+  T v;
+  TextError err = read(p, ipDetail::at(end), &v);
+  if (err != TextError::none) ipDetail::throwTextError(err);
+  pos += p - start;
+  return v;
+}
+
+template <class T>
+TextError readAddrAndLen(char const*& p, char const* e, T* out) {
+  Ip6Addr address;
+  U32 len;
+  TextError err = ipDetail::readIp6AndLen(p, e, &address, &len);
+  if (err == TextError::none) *out = T(address, len);
+  return err;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Element access and masks
+
+U8 Ip6Addr::u8(unsigned i) const {
+  if (i >= 16) indexOutOfRange("u8");
+  return bytes()[i];
+}
+U16 Ip6Addr::u16(unsigned i) const {
+  if (i >= 8) indexOutOfRange("u16");
+  return static_cast<U16>(hostWord(i / 2) >> (i % 2 ? 0 : 16));
+}
+U32 Ip6Addr::u32(unsigned i) const {
+  if (i >= 4) indexOutOfRange("u32");
+  return hostWord(i);
+}
+U64 Ip6Addr::u64(unsigned i) const {
+  if (i >= 2) indexOutOfRange("u64");
+  return U64(hostWord(2 * i)) << 32 | hostWord(2 * i + 1);
+}
+void Ip6Addr::u8Is(unsigned i, U8 v) {
+  if (i >= 16) indexOutOfRange("u8Is");
+  reinterpret_cast<U8*>(words_)[i] = v;
+}
+void Ip6Addr::u16Is(unsigned i, U16 v) {
+  if (i >= 8) indexOutOfRange("u16Is");
+  U32 const shift = i % 2 ? 0 : 16;
+  U32 const h = hostWord(i / 2);
+  words_[i / 2] = ipDetail::swapNet32((h & ~(0xffffu << shift)) | U32(v) << shift);
+}
+void Ip6Addr::u32Is(unsigned i, U32 v) {
+  if (i >= 4) indexOutOfRange("u32Is");
+  words_[i] = ipDetail::swapNet32(v);
+}
+void Ip6Addr::u64Is(unsigned i, U64 v) {
+  if (i >= 2) indexOutOfRange("u64Is");
+  words_[2 * i] = ipDetail::swapNet32(static_cast<U32>(v >> 32));
+  words_[2 * i + 1] = ipDetail::swapNet32(static_cast<U32>(v));
+}
+
+Ip6Addr Ip6Addr::maskOfLength(U32 len) {
+  FENNEL_ASSERT(len <= 128);
+  U32 w[4];
+  for (unsigned i = 0; i < 4; ++i) {
+    U32 const bits = len > 32 * i ? len - 32 * i : 0;
+    w[i] = bits >= 32 ? 0xffffffffu : bits == 0 ? 0 : 0xffffffffu << (32 - bits);
+  }
+  return fromHostWords(w[0], w[1], w[2], w[3]);
+}
+
+Ip6Addr Ip6Addr::ip6AddrMaskedByLength(U32 len) const {
+  FENNEL_ASSERT(len <= 128);
+  return *this & maskOfLength(len);
+}
+
+U32 Ip6Addr::longestCommonPrefix(Ip6Addr const& other) const {
+  U32 n = 0;
+  for (unsigned i = 0; i < 4; ++i) {
+    U32 const x = hostWord(i) ^ other.hostWord(i);
+    if (x) return n + static_cast<U32>(std::countl_zero(x));
+    n += 32;
+  }
+  return n;
+}
+
+// ---------------------------------------------------------------------------
+// Text
+
+unsigned Ip6Addr::writeText(char* out) const {
+  char* p = out;
+  if (isV4MappedV6()) {
+    std::memcpy(p, "::ffff:", 7);
+    p += 7;
+    p += IpAddr::fromNetworkOrder(words_[3]).writeText(p);
+    return static_cast<unsigned>(p - out);
+  }
+  U32 g[8];
+  for (unsigned i = 0; i < 4; ++i) {
+    U32 const h = hostWord(i);
+    g[2 * i] = h >> 16;
+    g[2 * i + 1] = h & 0xffff;
+  }
+  // The first of the longest runs of two or more zero groups is compressed
+  // (RFC 5952 section 4.2).
+  int bestStart = -1, bestLen = 1, runStart = -1;
+  for (int i = 0; i <= 8; ++i) {
+    if (i < 8 && g[i] == 0) {
+      if (runStart < 0) runStart = i;
+    } else if (runStart >= 0) {
+      if (i - runStart > bestLen) {
+        bestStart = runStart;
+        bestLen = i - runStart;
+      }
+      runStart = -1;
+    }
+  }
+  for (int i = 0; i < 8; ++i) {
+    if (i == bestStart) {
+      *p++ = ':';
+      *p++ = ':';
+      i += bestLen - 1;
+      continue;
+    }
+    if (i > 0 && i != bestStart + bestLen) *p++ = ':';
+    p = writeHex16(p, g[i]);
+  }
+  return static_cast<unsigned>(p - out);
+}
+
+Brio::String Ip6Addr::stringValueExpanded() const {
+  char text[expandedTextBytes];
+  char* p = text;
+  for (unsigned i = 0; i < 8; ++i) {
+    if (i) *p++ = ':';
+    U32 const v = u16(i);
+    for (int shift = 12; shift >= 0; shift -= 4) *p++ = lowerHexDigits[(v >> shift) & 0xf];
+  }
+  return Brio::String(text, sizeof text);
+}
+
+void Ip6Addr::stringValueIs(Brio::String const& text) {
+  char const* p = text.data();
+  char const* const e = p + text.bytes();
+  Ip6Addr v;
+  TextError err = ipDetail::readIp6(p, e, &v);
+  if (err == TextError::none && p != e) err = TextError::ip6Trailing;
+  if (err != TextError::none) ipDetail::throwTextError(err);
+  *this = v;
+}
+
+void Ip6Addr::stringValueExpandedIs(Brio::String const& text) {
+  char const* const p = text.data();
+  char const* const e = p + text.bytes();
+  Ip6Addr v;
+  char const* q = p;
+  bool expanded = e - p >= static_cast<long>(expandedTextBytes);
+  for (unsigned i = 0; expanded && i < 8; ++i) {
+    U32 group = 0;
+    for (unsigned k = 0; k < 4 && expanded; ++k, ++q) {
+      int const d = hexValue(*q);
+      expanded = d >= 0;
+      group = group << 4 | static_cast<U32>(d);
+    }
+    if (!expanded) break;
+    v.u16Is(i, static_cast<U16>(group));
+    if (i < 7) expanded = *q++ == ':';
+  }
+  if (!expanded) {
+    static constexpr std::string_view zeroGroups = "0:0:0:0:0:0:0:0";
+    if (static_cast<std::size_t>(e - p) < zeroGroups.size() || std::string_view(p, zeroGroups.size()) != zeroGroups) {
+      ipDetail::throwTextError(TextError::ip6NotExpanded);
+    }
+    v = Ip6Addr();
+    q = p + zeroGroups.size();
+  }
+  if (q != e) ipDetail::throwTextError(TextError::ip6Trailing);
+  *this = v;
+}
+
+namespace ipDetail {
+
+// The grammar, and which message each fault gets:
+//   empty text                                  incomplete ipv6 address
+//   ':' not doubled at the start (":1::")       ':' expected
+//   anything else not a hex digit at the start  leading hex digit expected
+//   ":::" anywhere                              too many colons
+//   a second "::"                               only one '::' allowed
+//   no hex digit after a single ':' ("1:", "1:x") hex digit expected
+//   a group above ffff                          hex value too large
+//   a group of five or more digits (00001)      too many consecutive hex digits
+//   more groups than fit, or ':' after the last too many colons
+//   fewer than eight groups and no "::"         incomplete ipv6 address
+//   a group followed by neither ':' nor the end ':' expected
+// A run of digits followed by '.' is a dotted quad (read by the IPv4 reader,
+// "Invalid IpAddr" if malformed) standing for the last two groups; the
+// address ends after it. Without a "::" the address ends after the eighth
+// group; with one, where the next character cannot continue it.
+TextError readIp6(char const*& pos, char const* e, Ip6Addr* out) {
+  char const* p = pos;
+  U32 g[8];
+  int n = 0;
+  int gap = -1;
+  if (p == e) return TextError::ip6Incomplete;
+  if (*p == ':') {
+    if (p + 1 == e || p[1] != ':') return TextError::ip6ColonExpected;
+    p += 2;
+    gap = 0;
+    if (p != e && *p == ':') return TextError::ip6TooManyColons;
+    if (p == e || hexValue(*p) < 0) goto done;
+  } else if (hexValue(*p) < 0) {
+    return TextError::ip6LeadingHexDigitExpected;
+  }
+  for (;;) {
+    char const* const start = p;
+    U32 v = 0;
+    for (int d; p != e && (d = hexValue(*p)) >= 0; ++p) {
+      if (v <= 0xffff) v = v << 4 | static_cast<U32>(d);
+    }
+    if (p != e && *p == '.') {
+      if (gap < 0 && n < 6) return TextError::ip6Incomplete;
+      if (n > (gap < 0 ? 6 : 5)) return TextError::ip6TooManyColons;
+      U32 nbo;
+      char const* q = readIpv4(start, e, &nbo);
+      if (!q) return TextError::invalidIpAddr;
+      U32 const h = swapNet32(nbo);
+      g[n++] = h >> 16;
+      g[n++] = h & 0xffff;
+      p = q;
+      break;
+    }
+    if (v > 0xffff) return TextError::ip6HexValueTooLarge;
+    if (p - start > 4) return TextError::ip6TooManyHexDigits;
+    g[n++] = v;
+    if (n >= (gap < 0 ? 8 : 7)) {
+      if (p != e && *p == ':') return TextError::ip6TooManyColons;
+      break;
+    }
+    if (p == e || *p != ':') {
+      if (gap >= 0) break;
+      return p == e ? TextError::ip6Incomplete : TextError::ip6ColonExpected;
+    }
+    ++p;
+    if (p != e && *p == ':') {
+      if (gap >= 0) return TextError::ip6OnlyOneDoubleColon;
+      ++p;
+      gap = n;
+      if (p != e && *p == ':') return TextError::ip6TooManyColons;
+      if (p == e || hexValue(*p) < 0) break;
+      // Seven groups and a "::" already make eight.
+      if (n == 7) return TextError::ip6TooManyColons;
+      continue;
+    }
+    if (p == e || hexValue(*p) < 0) return TextError::ip6HexDigitExpected;
+  }
+done:
+  U32 full[8];
+  if (gap < 0) {
+    std::memcpy(full, g, sizeof full);
+  } else {
+    int const zeros = 8 - n;
+    for (int i = 0; i < gap; ++i) full[i] = g[i];
+    for (int i = 0; i < zeros; ++i) full[gap + i] = 0;
+    for (int i = gap; i < n; ++i) full[zeros + i] = g[i];
+  }
+  *out = Ip6Addr::fromHostWords(full[0] << 16 | full[1], full[2] << 16 | full[3], full[4] << 16 | full[5],
+                                full[6] << 16 | full[7]);
+  pos = p;
+  return TextError::none;
+}
+
+TextError readIp6AndLen(char const*& p, char const* e, Ip6Addr* address, U32* len) {
+  TextError err = readIp6(p, e, address);
+  if (err != TextError::none) return err;
+  if (p == e || *p != '/') {
+    // A bare address is a host prefix: configuration written before lengths
+    // were required still reads.
+    *len = 128;
+    return TextError::none;
+  }
+  ++p;
+  return readLength(p, e, len);
+}
+
+// ---------------------------------------------------------------------------
+// Address and length
+
+bool Ip6AddrAndLen::validAsPrefix() const {
+  if (len_ >= 128) return true;
+  return address_.ip6AddrMaskedByLength(len_) == address_;
+}
+
+bool Ip6AddrAndLen::contains(Ip6Addr const& a) const {
+  if (len_ > 128) return false;
+  Ip6Addr const m = Ip6Addr::maskOfLength(len_);
+  return (a & m) == (address_ & m);
+}
+
+bool operator<(Ip6AddrAndLen const& x, Ip6AddrAndLen const& y) {
+  S32 const xl = static_cast<S32>(x.len_);
+  S32 const yl = static_cast<S32>(y.len_);
+  if (xl >= yl) {
+    if (xl == yl) return x.address_ < y.address_;
+    if (y.contains(x.address_)) return true;
+  } else if (x.contains(y.address_)) {
+    return xl > yl;
+  }
+  return x.address_ < y.address_;
+}
+
+unsigned Ip6AddrAndLen::writeText(char* out) const {
+  unsigned n = address_.writeText(out);
+  out[n++] = '/';
+  return n + writeDecimal(out + n, len_);
+}
+
+}  // namespace ipDetail
+
+Ip6Addr Ip6Prefix::subnetHost(Ip6Addr const& host) const {
+  if (len_ <= 128 && !(host & Ip6Addr::maskOfLength(len_)).isZero()) {
+    Brio::throwRangeException("Host address is too long");
+  }
+  return address_ | host;
+}
+
+U32 Ip6AddrWithFullMask::maskLength() const {
+  U32 n = 0;
+  unsigned i = 0;
+  for (; i < 4; ++i) {
+    U32 const w = mask_.hostWord(i);
+    if (w == 0xffffffffu) {
+      n += 32;
+      continue;
+    }
+    unsigned const ones = static_cast<unsigned>(std::countl_one(w));
+    if (w << ones) return 129;
+    n += ones;
+    ++i;
+    break;
+  }
+  for (; i < 4; ++i) {
+    if (mask_.networkWord(i)) return 129;
+  }
+  return n;
+}
+
+unsigned Ip6AddrWithFullMask::writeText(char* out) const {
+  unsigned n = address_.writeText(out);
+  out[n++] = '/';
+  U32 const len = maskLength();
+  return n + (len <= 128 ? ipDetail::writeDecimal(out + n, len) : mask_.writeText(out + n));
+}
+
+Ip6Addr sequenceToValue(Brio::StringIter& pos, Brio::StringIter const& end, Ip6Addr*) {
+  return readAt<Ip6Addr>(pos, end, ipDetail::readIp6);
+}
+Ip6Prefix sequenceToValue(Brio::StringIter& pos, Brio::StringIter const& end, Ip6Prefix*) {
+  return readAt<Ip6Prefix>(pos, end, readAddrAndLen<Ip6Prefix>);
+}
+Ip6AddrWithMask sequenceToValue(Brio::StringIter& pos, Brio::StringIter const& end, Ip6AddrWithMask*) {
+  return readAt<Ip6AddrWithMask>(pos, end, readAddrAndLen<Ip6AddrWithMask>);
+}
+Ip6AddrWithFullMask sequenceToValue(Brio::StringIter& pos, Brio::StringIter const& end, Ip6AddrWithFullMask*) {
+  return readAt<Ip6AddrWithFullMask>(pos, end, readFullMask);
+}
+
+// ---------------------------------------------------------------------------
+// Attribute log
+
+void attrLogWrite(Brio::NboAttrLog& log, Ip6Addr const& v) {
+  for (unsigned i = 0; i < 4; ++i) log.writeU32(v.hostWord(i));
+}
+Ip6Addr attrLogRead(Brio::NboAttrLog& log, Ip6Addr*) {
+  U32 w[4];
+  for (U32& x : w) x = log.readU32();
+  return Ip6Addr::fromHostWords(w[0], w[1], w[2], w[3]);
+}
+
+void attrLogWrite(Brio::NboAttrLog& log, Ip6Prefix const& v) { ipDetail::attrLogWriteFields(log, v.address(), v.len()); }
+Ip6Prefix attrLogRead(Brio::NboAttrLog& log, Ip6Prefix*) {
+  return ipDetail::attrLogReadFields<Ip6Prefix, Ip6Addr, U32>(log);
+}
+void attrLogWrite(Brio::NboAttrLog& log, Ip6AddrWithMask const& v) {
+  ipDetail::attrLogWriteFields(log, v.address(), v.len());
+}
+Ip6AddrWithMask attrLogRead(Brio::NboAttrLog& log, Ip6AddrWithMask*) {
+  return ipDetail::attrLogReadFields<Ip6AddrWithMask, Ip6Addr, U32>(log);
+}
+void attrLogWrite(Brio::NboAttrLog& log, Ip6AddrWithFullMask const& v) {
+  ipDetail::attrLogWriteFields(log, v.address(), v.mask());
+}
+Ip6AddrWithFullMask attrLogRead(Brio::NboAttrLog& log, Ip6AddrWithFullMask*) {
+  return ipDetail::attrLogReadFields<Ip6AddrWithFullMask, Ip6Addr, Ip6Addr>(log);
+}
+
+}  // namespace Corvid

@@ -1,0 +1,455 @@
+// Either-family addresses, prefixes, masks, the tristate, the prefix set and
+// its configuration entities.
+#include <Corvid/Ip.h>
+#include <Glimmer/Glimmer.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+
+using namespace Corvid;
+using Brio::String;
+
+namespace {
+
+IpGenAddr gen(char const* text) { return IpGenAddr(String(text)); }
+IpGenPrefix genPrefix(char const* text) { return IpGenPrefix(String(text)); }
+
+template <class F>
+std::string errorOf(F&& f) {
+  try {
+    f();
+  } catch (Brio::RangeException const& e) {
+    return e.what();
+  }
+  return "";
+}
+
+template <class T>
+std::string readAt(char const* text, std::size_t* consumed = nullptr) {
+  String const s(text);
+  Brio::StringIter pos = s.begin();
+  T const v = sequenceToValue(pos, s.end(), static_cast<T*>(nullptr));
+  if (consumed) *consumed = static_cast<std::size_t>(pos - s.begin());
+  return Brio::strep(v).str();
+}
+
+TEST(IpGenAddrText, FirstColonOrDotPicksTheFamily) {
+  struct Row {
+    char const* text;
+    AddressFamily af;
+    char const* canonical;
+    std::size_t consumed;
+    char const* error;
+  };
+  Row const rows[] = {
+      {"10.1.1.1", AddressFamily::ipv4, "10.1.1.1", 8, nullptr},
+      {"fe80::1", AddressFamily::ipv6, "fe80::1", 7, nullptr},
+      {"::ffff:1.2.3.4", AddressFamily::ipv6, "::ffff:1.2.3.4", 14, nullptr},
+      {"10.1.1.1/24", AddressFamily::ipv4, "10.1.1.1", 8, nullptr},
+      {"FE80::1/64", AddressFamily::ipv6, "fe80::1", 7, nullptr},
+      {"/1.2.3.4", AddressFamily::ipunknown, nullptr, 0, "Invalid IpGenAddr"},
+      {"abc", AddressFamily::ipunknown, nullptr, 0, "Invalid IpGenAddr"},
+      {"", AddressFamily::ipunknown, nullptr, 0, "Invalid IpGenAddr"},
+      {"1.2.3", AddressFamily::ipunknown, nullptr, 0, "Invalid IpAddr"},
+      {"1:2", AddressFamily::ipunknown, nullptr, 0, "Ip6Addr: incomplete ipv6 address"},
+      {"g.1:2", AddressFamily::ipunknown, nullptr, 0, "Invalid IpAddr"},
+  };
+  for (auto const& r : rows) {
+    SCOPED_TRACE(r.text);
+    if (!r.error) {
+      std::size_t consumed = 0;
+      EXPECT_EQ(readAt<IpGenAddr>(r.text, &consumed), r.canonical);
+      EXPECT_EQ(consumed, r.consumed);
+      EXPECT_EQ(Brio::strepToValue<IpGenAddr>(String(r.canonical)).af(), r.af);
+    } else {
+      EXPECT_EQ(errorOf([&] { readAt<IpGenAddr>(r.text); }), r.error);
+    }
+  }
+}
+
+TEST(IpGenAddrText, HandleInitializedReadsTheWholeTextOrKeepsTheValue) {
+  IpGenAddr a = gen("10.0.0.1");
+  EXPECT_EQ(errorOf([&] { a.handleInitialized("10.0.0.2x"); }), "Invalid IpAddr");
+  EXPECT_EQ(errorOf([&] { a.handleInitialized("fe80::1 "); }), "Ip6Addr: unexpected trailing characters");
+  EXPECT_EQ(errorOf([&] { a.handleInitialized("nonsense"); }), "Invalid IpGenAddr");
+  EXPECT_EQ(a, gen("10.0.0.1"));
+  a.handleInitialized("");
+  EXPECT_EQ(a.af(), AddressFamily::ipunknown);
+  EXPECT_EQ(a, IpGenAddr());
+}
+
+TEST(IpGenAddrText, TracesTheChosenFamilyAtLevelNine) {
+  Glimmer::enable("Corvid", 9);
+  Glimmer::Capture capture;
+  IpGenAddr a;
+  a.handleInitialized("10.0.0.1");
+  a.handleInitialized("fe80::1");
+  a.handleInitialized("");
+  Glimmer::enable("Corvid", -1);
+  std::string const text = capture.text();
+  for (char const* line : {"handleInitialized 10.0.0.1", "sequenceToValue af ipv4", "handleInitialized fe80::1",
+                           "sequenceToValue af ipv6", "handleInitialized af unknown"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line << " in\n" << text;
+  }
+}
+
+template <class T>
+void readCut(String const& cut) {
+  Brio::StringIter pos = cut.begin();
+  errorOf([&] { sequenceToValue(pos, cut.end(), static_cast<T*>(nullptr)); });
+  EXPECT_LE(pos - cut.begin(), static_cast<long>(cut.bytes())) << cut.str();
+}
+
+TEST(IpGenText, EveryPrefixOfAGoodTextReadsWithinItsEnd) {
+  for (std::string full : {"{10.0.0.0/8, 2001:db8::/32}", "fe80::1/64", "unset", "10.0.0.0/24",
+                           "Value('Corvid::IpGenAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255.0.0.0})"}) {
+    for (std::size_t k = 0; k <= full.size(); ++k) {
+      auto heap = std::make_unique<char[]>(k);
+      std::memcpy(heap.get(), full.data(), k);
+      ipDetail::familyOfText(heap.get(), heap.get() + k);
+      String const cut(full.substr(0, k));
+      readCut<IpGenAddr>(cut);
+      readCut<IpGenPrefix>(cut);
+      readCut<IpGenAddrWithMask>(cut);
+      readCut<IpGenAddrWithFullMask>(cut);
+      readCut<TristateIpGenAddr>(cut);
+      readCut<IpGenPrefixSet>(cut);
+      IpGenAddrWithFullMask m;
+      errorOf([&] { m.handleInitialized(cut); });
+    }
+  }
+}
+
+TEST(IpGenAddr, UnknownSortsFirstAndPrintsAsTheZeroIpv6Address) {
+  std::vector<IpGenAddr> v = {gen("::1"), gen("10.0.0.10"), IpGenAddr(), gen("10.0.0.2"), gen("::")};
+  std::sort(v.begin(), v.end());
+  std::vector<std::string> texts;
+  for (auto const& a : v) texts.push_back(a.stringValue().str());
+  EXPECT_EQ(texts, (std::vector<std::string>{"::", "10.0.0.2", "10.0.0.10", "::", "::1"}));
+  EXPECT_EQ(v[0].af(), AddressFamily::ipunknown);
+  EXPECT_NE(IpGenAddr(), gen("::"));
+  EXPECT_EQ(IpGenAddr(AddressFamily::ipv6), gen("::"));
+  EXPECT_EQ(IpGenAddr(AddressFamily::ipv4), gen("0.0.0.0"));
+}
+
+TEST(IpGenAddr, MappedConversionsGoBetweenFamilies) {
+  EXPECT_EQ(IpGenAddr::getMappedV4Addr(gen("::ffff:1.2.3.4")), gen("1.2.3.4"));
+  EXPECT_EQ(IpGenAddr::getMappedV4Addr(gen("2001:db8::1")).af(), AddressFamily::ipunknown);
+  EXPECT_EQ(IpGenAddr::getMappedV4Addr(gen("1.2.3.4")).af(), AddressFamily::ipunknown);
+  EXPECT_EQ(IpGenAddr::getV4MappedV6Addr(gen("1.2.3.4")), gen("::ffff:1.2.3.4"));
+  EXPECT_EQ(IpGenAddr::getV4MappedV6Addr(gen("::1")).af(), AddressFamily::ipunknown);
+}
+
+TEST(IpGenAddr, LayoutAccessorsAndHash) {
+  IpGenAddr const v4 = gen("10.1.2.3");
+  EXPECT_EQ(v4.size(), 4u);
+  EXPECT_EQ(gen("::1").size(), 16u);
+  EXPECT_EQ(IpGenAddr().size(), 16u);
+  unsigned char const expected[16] = {10, 1, 2, 3};
+  EXPECT_EQ(std::memcmp(v4.bytes(), expected, 16), 0);  // the other twelve bytes are zero
+  EXPECT_EQ(v4.v4Addr(), IpAddr(10, 1, 2, 3));
+  EXPECT_TRUE(v4.v6Addr().isZero());
+  EXPECT_EQ(gen("::1").v4Addr(), IpAddr());
+  EXPECT_EQ(v4.longestCommonPrefix(gen("10.1.2.0")), 30u);
+  EXPECT_EQ(gen("::1").longestCommonPrefix(gen("::")), 127u);
+  EXPECT_EQ(v4.longestCommonPrefix(gen("::a01:203")), 0u);
+  EXPECT_EQ(gen("224.0.0.5").mcastEtherAddress(), EthAddr(1, 0, 0x5e, 0, 0, 5));
+  EXPECT_EQ(gen("ff02::1").mcastEtherAddress(), EthAddr(0x33, 0x33, 0, 0, 0, 1));
+  EXPECT_EQ(v4.hash(5), Brio::Hash(5).mix(U32(1)).mix(v4.rawAddr().hash()).result());
+  EXPECT_NE(v4.hash(5), IpGenAddr(v4.rawAddr()).hash(5));  // same bytes, other tag
+}
+
+TEST(IpGenAddr, PredicatesDispatchOnTheTag) {
+  IpGenAddr const unknown;
+  EXPECT_TRUE(unknown.isUnicast());
+  for (bool p : {unknown.isMulticast(), unknown.isAny(), unknown.isLoopback(), unknown.isUnspecified(),
+                 unknown.isLinkLocal(), unknown.isLinkLocalMulticast()}) {
+    EXPECT_FALSE(p);
+  }
+  EXPECT_TRUE(gen("0.0.0.0").isAny());
+  EXPECT_FALSE(gen("::").isAny());
+  EXPECT_TRUE(gen("::").isUnspecified());
+  EXPECT_FALSE(gen("0.0.0.0").isUnspecified());
+  EXPECT_TRUE(gen("224.0.0.9").isLinkLocalMulticast());
+  EXPECT_FALSE(gen("224.0.1.9").isLinkLocalMulticast());
+  EXPECT_TRUE(gen("ff02::9").isLinkLocalMulticast());
+  EXPECT_FALSE(gen("fe80::9").isLinkLocalMulticast());
+  EXPECT_TRUE(gen("169.254.0.1").isV4LinkLocal());
+  EXPECT_FALSE(gen("169.254.0.1").isV6LinkLocal());
+  EXPECT_TRUE(gen("fe80::1").isV6LinkLocal());
+  EXPECT_TRUE(gen("255.255.255.255").isBroadcast());
+  EXPECT_TRUE(gen("0.1.2.3").isThisNetwork());
+  EXPECT_TRUE(gen("ff0e::1").isRoutableMulticast());
+  EXPECT_FALSE(gen("239.1.1.1").isRoutableMulticast());
+  EXPECT_TRUE(gen("127.0.0.0").isLoopbackBase());
+  EXPECT_TRUE(gen("224.0.0.13").isPimRouters());
+  EXPECT_TRUE(gen("ff02::d").isPimRouters());
+  EXPECT_FALSE(gen("255.255.255.255").isUnicast());
+  EXPECT_FALSE(gen("ff02::1").isUnicast());
+}
+
+TEST(IpGenPrefixText, ReadsEitherFamilyWithItsOwnRules) {
+  EXPECT_EQ(readAt<IpGenPrefix>("10.0.0.0/8"), "10.0.0.0/8");
+  EXPECT_EQ(readAt<IpGenPrefix>("2001:db8::/32"), "2001:db8::/32");
+  EXPECT_EQ(readAt<IpGenPrefix>("2001:db8::"), "2001:db8::/128");
+  EXPECT_EQ(errorOf([] { readAt<IpGenPrefix>("10.0.0.0"); }), "premature end of Prefix type");
+  EXPECT_EQ(errorOf([] { readAt<IpGenPrefix>("10.0.0.1/8"); }), "Invalid Prefix - non-zero after prefixlen");
+  EXPECT_EQ(errorOf([] { readAt<IpGenPrefix>("/8"); }), "Invalid IpGenAddr");
+  IpGenPrefix p = genPrefix("10.0.0.0/8");
+  EXPECT_EQ(errorOf([&] { p.handleInitialized("10.0.0.0/8x"); }), "Invalid Prefix - non-zero after prefixlen");
+  EXPECT_EQ(errorOf([&] { p.handleInitialized("2001:db8::/32x"); }), "unexpected text after value");
+  EXPECT_EQ(p, genPrefix("10.0.0.0/8"));
+  p.handleInitialized("");
+  EXPECT_EQ(p.af(), AddressFamily::ipunknown);
+  EXPECT_EQ(p.stringValue().str(), "::/0");
+}
+
+TEST(IpGenPrefix, ConstructorsAgreeAndValidateIpv4) {
+  IpGenPrefix const p = genPrefix("10.0.0.0/8");
+  EXPECT_EQ(IpGenPrefix(IpAddr(10, 0, 0, 0), 8), p);
+  EXPECT_EQ(IpGenPrefix(gen("10.0.0.0"), 8), p);
+  EXPECT_EQ(IpGenPrefix(AddressFamily::ipv4, 8, {IpAddr(10, 0, 0, 0).networkOrder(), 0, 0, 0}), p);
+  EXPECT_EQ(IpGenPrefix(Prefix(IpAddr(10, 0, 0, 0), 8)), p);
+  EXPECT_EQ(p.v4Prefix(), Prefix(IpAddr(10, 0, 0, 0), 8));
+  EXPECT_EQ(static_cast<Prefix>(p), p.v4Prefix());
+  EXPECT_EQ(p.v6Prefix(), Ip6Prefix());
+  Ip6Addr const doc = Brio::strepToValue<Ip6Addr>("2001:db8::");
+  std::array<U32, 4> words;
+  std::memcpy(words.data(), doc.bytes(), 16);
+  EXPECT_EQ(IpGenPrefix(AddressFamily::ipv6, 32, words), genPrefix("2001:db8::/32"));
+  EXPECT_EQ(static_cast<Ip6Prefix>(genPrefix("2001:db8::/32")), Ip6Prefix(doc, 32));
+  EXPECT_EQ(IpGenPrefix(gen("1.2.3.4")), genPrefix("1.2.3.4/32"));
+  EXPECT_EQ(IpGenPrefix(gen("::1")), genPrefix("::1/128"));
+  EXPECT_EQ(errorOf([] { IpGenPrefix(IpAddr(10, 0, 0, 1), 8); }), "Prefix::validAsPrefix != true not allowed");
+  EXPECT_NO_THROW(IpGenPrefix(Brio::strepToValue<Ip6Addr>("2001:db8::1"), 32));
+}
+
+TEST(IpGenPrefix, ContainmentStaysWithinAFamily) {
+  EXPECT_TRUE(genPrefix("0.0.0.0/0").contains(gen("8.8.8.8")));
+  EXPECT_FALSE(genPrefix("0.0.0.0/0").contains(gen("::1")));
+  EXPECT_FALSE(genPrefix("::/0").contains(gen("8.8.8.8")));
+  EXPECT_TRUE(genPrefix("10.0.0.0/8").contains(gen("10.255.0.1")));
+  EXPECT_FALSE(genPrefix("10.0.0.0/8").contains(gen("11.0.0.1")));
+  // The IPv4 sentinel length contains every IPv4 address, unlike Ip6Prefix.
+  EXPECT_TRUE(IpGenPrefix(Prefix(IpAddr(10, 0, 0, 1), 0xffffffff)).contains(gen("192.0.2.1")));
+  EXPECT_FALSE(IpGenPrefix(Ip6Prefix(Ip6Addr(), 0xffffffff)).contains(gen("::")));
+  EXPECT_FALSE(IpGenPrefix().contains(IpGenAddr()));
+
+  EXPECT_TRUE(genPrefix("10.0.0.0/8").overlaps(genPrefix("10.1.0.0/16")));
+  EXPECT_TRUE(genPrefix("10.1.0.0/16").overlaps(genPrefix("10.0.0.0/8")));
+  EXPECT_FALSE(genPrefix("10.0.0.0/8").overlaps(genPrefix("11.0.0.0/8")));
+  EXPECT_TRUE(genPrefix("0.0.0.0/0").overlaps(genPrefix("11.0.0.0/8")));
+  EXPECT_FALSE(genPrefix("0.0.0.0/0").overlaps(genPrefix("::/0")));
+  EXPECT_TRUE(genPrefix("2001:db8::/32").overlaps(genPrefix("2001:db8:1::/48")));
+}
+
+TEST(IpGenPrefixOrder, TagFirstThenTheFamilysPrefixOrder) {
+  std::vector<IpGenPrefix> v = {genPrefix("2001:db8::/32"), genPrefix("0.0.0.0/0"), genPrefix("2001:db8:1::/48"),
+                                IpGenPrefix(), genPrefix("10.0.0.0/8"), genPrefix("10.1.0.0/16")};
+  std::sort(v.begin(), v.end());
+  std::vector<std::string> texts;
+  for (auto const& p : v) texts.push_back(p.stringValue().str());
+  EXPECT_EQ(texts, (std::vector<std::string>{"::/0", "10.1.0.0/16", "10.0.0.0/8", "0.0.0.0/0", "2001:db8:1::/48",
+                                             "2001:db8::/32"}));
+}
+
+TEST(IpGenAddrWithMask, KeepsHostBitsAndGivesTheSubnet) {
+  IpGenAddrWithMask const v4(String("10.1.2.3/8"));
+  EXPECT_EQ(v4.stringValue().str(), "10.1.2.3/8");
+  EXPECT_EQ(v4.subnet(), genPrefix("10.0.0.0/8"));
+  EXPECT_TRUE(v4.contains(gen("10.9.9.9")));
+  EXPECT_FALSE(v4.contains(gen("::1")));
+  EXPECT_EQ(v4.v4AddrWithMask(), IpAddrWithMask(IpAddr(10, 1, 2, 3), 8));
+  IpGenAddrWithMask const v6(String("2001:db8::1/64"));
+  EXPECT_EQ(v6.subnet(), genPrefix("2001:db8::/64"));
+  EXPECT_EQ(IpGenAddrWithMask(gen("2001:db8::1"), 64), v6);
+  EXPECT_EQ(Brio::strepToValue<IpGenAddrWithMask>(Brio::strep(v6)), v6);
+  EXPECT_EQ(errorOf([] { IpGenAddrWithMask(String("10.1.2.3/8 ")); }), "unexpected text after value");
+  EXPECT_EQ(errorOf([] { IpGenAddrWithMask(String("10.1.2.3/33")).subnet(); }),
+            "Prefix::validAsPrefix != true not allowed");
+  // IPv4 sorts shorter length first, IPv6 most specific first.
+  EXPECT_LT(IpGenAddrWithMask(String("10.1.2.3/8")), IpGenAddrWithMask(String("10.1.2.3/16")));
+  EXPECT_LT(IpGenAddrWithMask(String("2001:db8::1/64")), IpGenAddrWithMask(String("2001:db8::1/48")));
+  EXPECT_LT(IpGenAddrWithMask(String("10.1.2.3/8")), IpGenAddrWithMask(String("::1/8")));
+}
+
+TEST(IpGenAddrWithFullMask, ConfigurationTextAndRecordStrepBothReadBack) {
+  struct Row {
+    char const* text;
+    char const* stringValue;  // nullptr: error
+    char const* error;
+  };
+  Row const rows[] = {
+      {"10.0.0.0/24", "10.0.0.0/24", nullptr},
+      {"10.0.0.0/264", "10.0.0.0/8", nullptr},  // the length's low eight bits
+      {"10.0.0.0/0", "10.0.0.0/0", nullptr},
+      {"2001:db8::/32", "2001:db8::/32", nullptr},
+      {"2001:db8::/ffff:ffff::", "2001:db8::/32", nullptr},
+      {"Value('Corvid::IpGenAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255.0.255.0})",
+       "Value('Corvid::IpGenAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255.0.255.0})", nullptr},
+      {"Value('Corvid::IpGenAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255.255.0.0})", "1.2.3.4/16",
+       nullptr},
+      {"10.0.0.0/33", nullptr, "Invalid IPv4 prefix length"},
+      {"10.0.0.0/24x", nullptr, "Invalid IPv4 prefix"},
+      {"10.0.0.0", nullptr, "premature end of Prefix type"},
+      {"10.0.0.0/255.0.0.0", nullptr, "Invalid IPv4 prefix"},
+      {"2001:db8::", nullptr, "Ip6AddrWithFullMask: mask expected"},
+      {"2001:db8::/32 ", nullptr, "unexpected text after value"},
+      {"Value('Corvid::IpGenAddrWithFullMask', ** {'address': 1.2.3.4})", nullptr, "expected ', '"},
+      {"24", nullptr, "Invalid IpGenAddr"},
+  };
+  for (auto const& r : rows) {
+    SCOPED_TRACE(r.text);
+    IpGenAddrWithFullMask v(IpGenAddr(IpAddr(9, 9, 9, 9)), 32);
+    IpGenAddrWithFullMask const before = v;
+    if (!r.stringValue) {
+      EXPECT_EQ(errorOf([&] { v.handleInitialized(r.text); }), r.error);
+      EXPECT_EQ(v, before);
+      continue;
+    }
+    v.handleInitialized(r.text);
+    EXPECT_EQ(v.stringValue().str(), r.stringValue);
+    EXPECT_EQ(IpGenAddrWithFullMask(v.stringValue()), v);
+    EXPECT_EQ(Brio::strepToValue<IpGenAddrWithFullMask>(Brio::strep(v)), v);
+  }
+  EXPECT_EQ(Brio::strep(IpGenAddrWithFullMask(String("10.0.0.0/24"))).str(),
+            "Value('Corvid::IpGenAddrWithFullMask', ** {'address': 10.0.0.0, 'mask': 255.255.255.0})");
+  EXPECT_EQ(errorOf([] { IpGenAddrWithFullMask(gen("10.0.0.0"), 33); }), "Invalid IPv4 prefix length");
+  EXPECT_EQ(IpGenAddrWithFullMask(IpAddrWithFullMask(IpAddr(1, 2, 3, 4), 0xffffff00)).maskLength(), 24u);
+  EXPECT_FALSE(IpGenAddrWithFullMask(gen("10.0.0.0"), gen("::")).hasPrefixRepr());  // mixed families
+}
+
+TEST(TristateIpGenAddr, UnsetNoneOrAnAddress) {
+  struct Row {
+    char const* text;
+    bool isSet, isNone;
+  };
+  Row const rows[] = {{"unset", false, false}, {"none", true, true}, {"10.0.0.1", true, false}, {"fe80::1", true, false}};
+  for (auto const& r : rows) {
+    TristateIpGenAddr const v = Brio::strepToValue<TristateIpGenAddr>(String(r.text));
+    EXPECT_EQ(v.stringValue().str(), r.text);
+    EXPECT_EQ(v.isSet(), r.isSet) << r.text;
+    EXPECT_EQ(v.isNone(), r.isNone) << r.text;
+  }
+  TristateIpGenAddr t;
+  EXPECT_EQ(t.valueOr(gen("1.1.1.1")), gen("1.1.1.1"));
+  t.valueIs(gen("2.2.2.2"));
+  EXPECT_EQ(t.valueOr(gen("1.1.1.1")), gen("2.2.2.2"));
+  EXPECT_EQ(errorOf([&] { t.handleInitialized("unsetx"); }), "unexpected text after value");
+  EXPECT_EQ(errorOf([&] { t.handleInitialized("nothing"); }), "Invalid IpGenAddr");
+  EXPECT_EQ(t.value(), gen("2.2.2.2"));
+  t.valueDel();
+  EXPECT_FALSE(t.isSet());
+  EXPECT_LT(TristateIpGenAddr(), TristateIpGenAddr(IpGenAddr()));
+  EXPECT_LT(TristateIpGenAddr(IpGenAddr()), TristateIpGenAddr(gen("0.0.0.0")));
+}
+
+TEST(IpGenPrefixSet, TextMembershipAndLongestMatch) {
+  IpGenPrefixSet s;
+  s.stringValueIs("{10.0.0.0/8, 2001:db8::/32, 10.1.0.0/16}");
+  EXPECT_EQ(s.size(), 3u);
+  EXPECT_EQ(s.stringValue().str(), "{10.0.0.0/8, 10.1.0.0/16, 2001:db8::/32}");
+  EXPECT_EQ(Brio::strepToValue<IpGenPrefixSet>(s.stringValue()), s);
+  EXPECT_TRUE(s.contains(gen("10.200.0.1")));
+  EXPECT_FALSE(s.contains(gen("11.0.0.1")));
+  EXPECT_EQ(s.longestMatch(gen("10.1.2.3")), genPrefix("10.1.0.0/16"));
+  EXPECT_EQ(s.longestMatch(gen("10.2.2.3")), genPrefix("10.0.0.0/8"));
+  EXPECT_EQ(s.longestMatch(gen("2001:db8::1")), genPrefix("2001:db8::/32"));
+  EXPECT_EQ(s.longestMatch(gen("::1")).af(), AddressFamily::ipunknown);
+  EXPECT_FALSE(s.prefixIs(genPrefix("10.0.0.0/8")));
+  EXPECT_TRUE(s.prefixDel(genPrefix("10.0.0.0/8")));
+  EXPECT_FALSE(s.prefix(genPrefix("10.0.0.0/8")));
+  // Non-canonical IPv6 prefixes are distinct members.
+  EXPECT_TRUE(s.prefixIs(genPrefix("2001:db8::1/32")));
+  EXPECT_EQ(s.size(), 3u);
+  IpGenPrefixSet const before = s;
+  for (char const* bad : {"{10.0.0.0/8,10.1.0.0/16}", "{10.0.0.0/8", "10.0.0.0/8}", "{10.0.0.1/8}", "{} "}) {
+    EXPECT_THROW(s.stringValueIs(bad), Brio::RangeException) << bad;
+  }
+  EXPECT_EQ(s, before);
+  s.stringValueIs("{}");
+  EXPECT_TRUE(s.empty());
+  EXPECT_LT(s, before);
+}
+
+struct PrefixRecorder : IpGenPrefixSetConfig::Notifiee {
+  void handlePrefix(IpGenPrefix const& p) override { heard.push_back(p.stringValue().str()); }
+  std::vector<std::string> heard;
+};
+
+struct ConfigRecorder : IpGenPrefixSetConfigDir::Notifiee {
+  void handleConfig(Brio::String const& name) override { heard.push_back(name.str()); }
+  std::vector<std::string> heard;
+};
+
+TEST(IpGenPrefixSetConfig, NotifiesEachPrefixThatComesOrGoes) {
+  auto config = ipGenPrefixSetConfigFactory("peers");
+  PrefixRecorder r;
+  r.notifierIs(config);
+  config->prefixIs(genPrefix("10.0.0.0/8"));
+  config->prefixIs(genPrefix("10.0.0.0/8"));  // no change, no notification
+  config->prefixIs(genPrefix("2001:db8::/32"));
+  config->prefixSetIs(IpGenPrefixSet{genPrefix("2001:db8::/32"), genPrefix("192.0.2.0/24")});
+  config->prefixDel(genPrefix("1.0.0.0/8"));
+  config->prefixDelAll();
+  EXPECT_EQ(r.heard, (std::vector<std::string>{"10.0.0.0/8", "2001:db8::/32", "10.0.0.0/8", "192.0.2.0/24",
+                                               "192.0.2.0/24", "2001:db8::/32"}));
+  EXPECT_TRUE(config->prefixSet().empty());
+}
+
+TEST(IpGenPrefixSetConfigDir, MakesSetsOnFirstUseAndNotifiesByName) {
+  auto dir = ipGenPrefixSetConfigDirFactory("prefixSets");
+  ConfigRecorder r;
+  r.notifierIs(dir);
+  auto a = dir->configIs("a");
+  EXPECT_EQ(dir->configIs("a"), a);
+  dir->configIs("b");
+  EXPECT_EQ(dir->configs(), 2u);
+  EXPECT_EQ(dir->config("a"), a);
+  EXPECT_FALSE(dir->config("c"));
+  dir->configDel("a");
+  dir->configDel("a");
+  dir->configDelAll();
+  EXPECT_EQ(r.heard, (std::vector<std::string>{"a", "b", "a", "b"}));
+  EXPECT_EQ(a->name().str(), "a");  // a holder keeps a removed set alive
+}
+
+TEST(IpGenAttrLog, EveryTypeReadsBackAndBadTagsAreRefused) {
+  Brio::NboAttrLog log;
+  IpGenPrefixSet const set{genPrefix("10.0.0.0/8"), genPrefix("::/0")};
+  attrLogWrite(log, gen("10.1.2.3"));
+  attrLogWrite(log, gen("fe80::1"));
+  attrLogWrite(log, IpGenAddr());
+  attrLogWrite(log, genPrefix("2001:db8::/32"));
+  attrLogWrite(log, IpGenAddrWithMask(String("10.1.2.3/8")));
+  attrLogWrite(log, IpGenAddrWithFullMask(String("10.0.0.0/24")));
+  attrLogWrite(log, TristateIpGenAddr(IpGenAddr()));
+  attrLogWrite(log, TristateIpGenAddr());
+  attrLogWrite(log, set);
+  EXPECT_EQ(log.data().str().substr(0, 8), std::string("\0\0\0\1\x0a\x01\x02\x03", 8));
+  Brio::NboAttrLog in(log.data());
+  EXPECT_EQ(attrLogRead(in, static_cast<IpGenAddr*>(nullptr)), gen("10.1.2.3"));
+  EXPECT_EQ(attrLogRead(in, static_cast<IpGenAddr*>(nullptr)), gen("fe80::1"));
+  EXPECT_EQ(attrLogRead(in, static_cast<IpGenAddr*>(nullptr)), IpGenAddr());
+  EXPECT_EQ(attrLogRead(in, static_cast<IpGenPrefix*>(nullptr)), genPrefix("2001:db8::/32"));
+  EXPECT_EQ(attrLogRead(in, static_cast<IpGenAddrWithMask*>(nullptr)), IpGenAddrWithMask(String("10.1.2.3/8")));
+  EXPECT_EQ(attrLogRead(in, static_cast<IpGenAddrWithFullMask*>(nullptr)), IpGenAddrWithFullMask(String("10.0.0.0/24")));
+  EXPECT_EQ(attrLogRead(in, static_cast<TristateIpGenAddr*>(nullptr)), TristateIpGenAddr(IpGenAddr()));
+  EXPECT_EQ(attrLogRead(in, static_cast<TristateIpGenAddr*>(nullptr)), TristateIpGenAddr());
+  EXPECT_EQ(attrLogRead(in, static_cast<IpGenPrefixSet*>(nullptr)), set);
+  EXPECT_TRUE(in.atEnd());
+  Brio::NboAttrLog bad;
+  bad.writeU32(3);
+  Brio::NboAttrLog badIn(bad.data());
+  EXPECT_EQ(errorOf([&] { attrLogRead(badIn, static_cast<IpGenAddr*>(nullptr)); }), "Invalid AddressFamily");
+}
+
+TEST(AddressFamily, TextNames) {
+  EXPECT_EQ(valueToStrep(AddressFamily::ipunknown).str(), "ipunknown");
+  EXPECT_EQ(Brio::strepToValue<AddressFamily>("ipv6"), AddressFamily::ipv6);
+  EXPECT_EQ(Brio::strepToValue<AddressFamily>("ipv4"), AddressFamily::ipv4);
+  EXPECT_EQ(errorOf([] { Brio::strepToValue<AddressFamily>("ipv5"); }), "Invalid AddressFamily");
+}
+
+}  // namespace

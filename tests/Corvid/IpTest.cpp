@@ -1,0 +1,470 @@
+// IPv4 addresses, prefixes and masks: text forms against tables and against
+// inet_pton, order, hashes, binary forms and the class E toggle.
+#include <Corvid/Ip.h>
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+using namespace Corvid;
+using Brio::String;
+
+namespace {
+
+IpAddr ip(char const* text) { return Brio::strepToValue<IpAddr>(String(text)); }
+Prefix prefix(char const* text) { return Brio::strepToValue<Prefix>(String(text)); }
+
+// The message of the RangeException f raises, or "" when it raises none.
+template <class F>
+std::string errorOf(F&& f) {
+  try {
+    f();
+  } catch (Brio::RangeException const& e) {
+    return e.what();
+  }
+  return "";
+}
+
+// Reads text at the start with sequenceToValue; returns the value's strep
+// and how much was consumed.
+template <class T>
+std::pair<std::string, std::size_t> readAt(String const& text) {
+  Brio::StringIter pos = text.begin();
+  T v = sequenceToValue(pos, text.end(), static_cast<T*>(nullptr));
+  return {Brio::strep(v).str(), static_cast<std::size_t>(pos - text.begin())};
+}
+
+struct TextRow {
+  char const* input;
+  char const* canonical;  // nullptr: the read fails
+  char const* error;
+  std::size_t consumed;   // by sequenceToValue, when it succeeds
+};
+
+// Each row: the reader at an iterator, then the whole-text reader; a good
+// row's canonical text must read back to the same value.
+template <class T, class WholeText>
+void checkRows(std::vector<TextRow> const& rows, WholeText whole) {
+  for (auto const& r : rows) {
+    String const text(r.input);
+    SCOPED_TRACE(r.input);
+    if (r.canonical) {
+      auto [strep, consumed] = readAt<T>(text);
+      EXPECT_EQ(strep, r.canonical);
+      EXPECT_EQ(consumed, r.consumed);
+      T const back = Brio::strepToValue<T>(String(strep));
+      EXPECT_EQ(Brio::strep(back).str(), strep);
+    } else {
+      EXPECT_EQ(errorOf([&] { readAt<T>(text); }), r.error);
+    }
+    EXPECT_EQ(errorOf([&] { whole(text); }), r.error ? r.error : "");
+  }
+}
+
+TEST(IpAddrText, ReadsAndPrintsTheTable) {
+  std::vector<TextRow> const rows = {
+      {"1.2.3.4", "1.2.3.4", nullptr, 7},
+      {"0.0.0.0", "0.0.0.0", nullptr, 7},
+      {"255.255.255.255", "255.255.255.255", nullptr, 15},
+      {"01.002.3.4", "1.2.3.4", nullptr, 10},  // leading zeros are decimal
+      {"1.2.3.4x", "1.2.3.4", "Invalid IpAddr", 7},
+      {"1.2.3.4.5", "1.2.3.4", "Invalid IpAddr", 7},
+      {"1.2.3.4/8", "1.2.3.4", "Invalid IpAddr", 7},
+      {"4294967296.1.1.1", "0.1.1.1", nullptr, 16},  // octet keeps the low 32 bits
+      {"4294967551.0.0.1", "255.0.0.1", nullptr, 16},
+      {"1.2.3", nullptr, "Invalid IpAddr", 0},
+      {"1.2.3.", nullptr, "Invalid IpAddr", 0},
+      {"1.2.3.256", nullptr, "Invalid IpAddr", 0},
+      {"1..2.3", nullptr, "Invalid IpAddr", 0},
+      {".1.2.3", nullptr, "Invalid IpAddr", 0},
+      {"", nullptr, "Invalid IpAddr", 0},
+      {" 1.2.3.4", nullptr, "Invalid IpAddr", 0},
+      {"1.2.3.-4", nullptr, "Invalid IpAddr", 0},
+      {"0x1.2.3.4", nullptr, "Invalid IpAddr", 0},
+      {"4294967040.1.1.1", nullptr, "Invalid IpAddr", 0},
+  };
+  checkRows<IpAddr>(rows, [](String const& t) { IpAddr().stringValueIs(t); });
+}
+
+TEST(PrefixText, ReadsAndValidatesTheTable) {
+  std::vector<TextRow> const rows = {
+      {"10.0.0.0/8", "10.0.0.0/8", nullptr, 10},
+      {"0.0.0.0/0", "0.0.0.0/0", nullptr, 9},
+      {"10.1.2.3/32", "10.1.2.3/32", nullptr, 11},
+      {"10.0.0.0/08", "10.0.0.0/8", nullptr, 11},
+      {"10.0.0.0/8 rest", "10.0.0.0/8", "Invalid Prefix - non-zero after prefixlen", 10},
+      {"10.0.0.1/8", nullptr, "Invalid Prefix - non-zero after prefixlen", 0},
+      {"10.0.0.0/33", nullptr, "Invalid Prefix - non-zero after prefixlen", 0},
+      {"0.0.0.0/4294967295", nullptr, "Invalid Prefix - non-zero after prefixlen", 0},
+      {"10.0.0.0/4294967304", "10.0.0.0/8", nullptr, 19},  // length keeps the low 32 bits
+      {"10.0.0.0", nullptr, "premature end of Prefix type", 0},
+      {"10.0.0.0/", nullptr, "premature end of Prefix type", 0},
+      {"10.0.0.0/x", nullptr, "premature end of Prefix type", 0},
+      {"10.0.0.0 /8", nullptr, "premature end of Prefix type", 0},
+      {"10.0.0/8", nullptr, "Invalid IpAddr", 0},
+  };
+  checkRows<Prefix>(rows, [](String const& t) { Prefix().stringValueIs(t); });
+}
+
+TEST(IpAddrWithMaskText, KeepsHostBitsAndAnyLength) {
+  std::vector<TextRow> const rows = {
+      {"10.1.2.3/8", "10.1.2.3/8", nullptr, 10},
+      {"10.0.0.1/8", "10.0.0.1/8", nullptr, 10},
+      {"10.0.0.0/33", "10.0.0.0/33", nullptr, 11},
+      {"10.0.0.0/4294967295", "10.0.0.0/4294967295", nullptr, 19},
+      {"10.0.0.0", nullptr, "premature end of Prefix type", 0},
+      {"10.0.0/8", nullptr, "Invalid IpAddr", 0},
+  };
+  checkRows<IpAddrWithMask>(rows, [](String const& t) { Brio::strepToValue<IpAddrWithMask>(t); });
+}
+
+TEST(IpAddrWithFullMaskText, RecordStrepReadsBack) {
+  IpAddrWithFullMask const v(ip("1.2.3.4"), 255);
+  String const strep = Brio::strep(v);
+  EXPECT_EQ(strep.str(), "Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})");
+  EXPECT_EQ(Brio::strepToValue<IpAddrWithFullMask>(strep), v);
+  std::ostringstream os;
+  os << v;
+  EXPECT_EQ(os.str(), strep.str());
+  EXPECT_EQ(errorOf([] {
+              Brio::strepToValue<IpAddrWithFullMask>(
+                  "Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3, 'mask': 255})");
+            }),
+            "Invalid IpAddr");
+}
+
+TEST(IpAddrText, FailedStringValueIsLeavesValueUnchanged) {
+  IpAddr a = ip("9.9.9.9");
+  for (char const* bad : {"1.2.3.4x", "1.2.3", "", "300.1.1.1"}) {
+    EXPECT_THROW(a.stringValueIs(bad), Brio::RangeException) << bad;
+    EXPECT_EQ(a, ip("9.9.9.9"));
+  }
+  Prefix p = prefix("10.0.0.0/8");
+  for (char const* bad : {"10.0.0.1/8", "10.0.0.0/8x", "10.0.0.0"}) {
+    EXPECT_THROW(p.stringValueIs(bad), Brio::RangeException) << bad;
+    EXPECT_EQ(p, prefix("10.0.0.0/8"));
+  }
+}
+
+// Every cut of a good text is read without touching what lies past the cut:
+// the answer may only depend on the bytes before it.
+TEST(IpAddrText, EveryPrefixOfAGoodTextReadsWithinItsEnd) {
+  for (std::string full : {"255.255.255.255", "10.0.0.0/8", "192.168.100.200/24"}) {
+    for (std::size_t k = 0; k <= full.size(); ++k) {
+      String const cut(full.substr(0, k));
+      auto heap = std::make_unique<char[]>(k);
+      std::memcpy(heap.get(), full.data(), k);
+      U32 nbo;
+      char const* end = ipDetail::readIpv4(heap.get(), heap.get() + k, &nbo);
+      bool const quadComplete = std::count(full.begin(), full.begin() + k, '.') == 3 &&
+                                k > full.find_last_of('.') + 1;
+      EXPECT_EQ(end != nullptr, quadComplete) << cut.str();
+      errorOf([&] { readAt<IpAddr>(cut); });
+      errorOf([&] { readAt<Prefix>(cut); });
+      errorOf([&] { readAt<IpAddrWithMask>(cut); });
+    }
+  }
+}
+
+// The reader against inet_pton on generated good and bad texts. The only
+// differences allowed are the ones kept on purpose:
+//  - an octet with a leading zero: decimal here ("010" is 10), refused by
+//    inet_pton;
+//  - an octet of absurd length: only its low 32 bits are tested here, so a
+//    run worth 2^32 + n reads as n; inet_pton refuses it.
+TEST(IpAddrText, AgreesWithInetPtonExceptDeliberateDifferences) {
+  std::mt19937 rng(4242);
+  auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
+  auto octet = [&]() -> std::string {
+    switch (pick(10)) {
+      case 0: return "0" + std::to_string(pick(256));
+      case 1: return std::to_string(256 + pick(2000));
+      case 2: return std::to_string(4294967296ULL + static_cast<unsigned>(pick(300)));
+      default: return std::to_string(pick(256));
+    }
+  };
+  std::string const noise = "0123456789.:/x -";
+  int differences = 0;
+  for (int i = 0; i < 200000; ++i) {
+    std::string t = octet() + "." + octet() + "." + octet() + "." + octet();
+    for (int m = pick(3); m > 0; --m) {
+      std::size_t const at = static_cast<std::size_t>(pick(static_cast<int>(t.size()) + 1));
+      switch (pick(3)) {
+        case 0: t.insert(at, 1, noise[static_cast<std::size_t>(pick(static_cast<int>(noise.size())))]); break;
+        case 1: if (at < t.size()) t.erase(at, 1); break;
+        default: t.resize(at);
+      }
+    }
+    in_addr c;
+    bool const cOk = inet_pton(AF_INET, t.c_str(), &c) == 1;
+    IpAddr ours;
+    bool ok = true;
+    try {
+      ours.stringValueIs(String(t));
+    } catch (Brio::RangeException const&) {
+      ok = false;
+    }
+    if (ok == cOk && (!ok || ours.networkOrder() == c.s_addr)) continue;
+    ++differences;
+    // Only texts we accept and inet_pton refuses, for one of the two reasons.
+    ASSERT_TRUE(ok && !cOk) << t;
+    bool deliberate = false;
+    std::stringstream parts(t);
+    for (std::string part; std::getline(parts, part, '.');) {
+      deliberate = deliberate || (part.size() > 1 && part[0] == '0') || part.size() > 3;
+    }
+    EXPECT_TRUE(deliberate) << t;
+  }
+  EXPECT_GT(differences, 0);
+}
+
+TEST(IpAddrText, PrintToBufferCutsLikeSnprintf) {
+  IpAddr const a = ip("192.168.1.1");
+  for (unsigned size = 0; size <= 16; ++size) {
+    char buf[20];
+    std::memset(buf, '#', sizeof buf);
+    char expected[20];
+    std::memset(expected, '#', sizeof expected);
+    int const whole = std::snprintf(expected, size, "%s", "192.168.1.1");
+    EXPECT_EQ(a.printToBuffer(buf, size), static_cast<unsigned>(whole)) << size;
+    EXPECT_EQ(std::memcmp(buf, expected, size), 0) << size;
+    EXPECT_EQ(buf[size], '#') << size;  // nothing written past size
+  }
+  char four[4];
+  EXPECT_EQ(a.printToBuffer(four, 4), 11u);
+  EXPECT_STREQ(four, "192");
+}
+
+TEST(IpAddr, PredicatesFollowTheirBlocks) {
+  struct Row {
+    char const* a;
+    bool unicast, multicast, reservedMcast, loopback, thisNet, linkLocal, priv, broadcast;
+  };
+  Row const rows[] = {
+      {"0.0.0.0", true, false, false, false, true, false, false, false},
+      {"224.0.0.1", false, true, true, false, false, false, false, false},
+      {"224.0.1.1", false, true, false, false, false, false, false, false},
+      {"239.255.255.255", false, true, false, false, false, false, true, false},
+      {"240.0.0.1", true, false, false, false, false, false, false, false},
+      {"255.255.255.255", false, false, false, false, false, false, true, true},
+      {"127.0.0.1", true, false, false, true, false, false, true, false},  // 0x7f has 0x0a's bits
+      {"169.254.1.1", true, false, false, false, false, true, false, false},
+      {"10.0.0.1", true, false, false, false, false, false, true, false},
+      {"11.0.0.0", true, false, false, false, false, false, true, false},  // bit-subset test, kept
+      {"14.1.1.1", true, false, false, false, false, false, true, false},
+      {"172.16.0.1", true, false, false, false, false, false, true, false},
+      {"192.168.0.1", true, false, false, false, false, false, true, false},
+      {"9.255.255.255", true, false, false, false, false, false, false, false},
+      {"8.8.8.8", true, false, false, false, false, false, false, false},
+  };
+  for (auto const& r : rows) {
+    IpAddr const a = ip(r.a);
+    SCOPED_TRACE(r.a);
+    EXPECT_EQ(a.isUnicast(), r.unicast);
+    EXPECT_EQ(a.isMulticast(), r.multicast);
+    EXPECT_EQ(a.isReservedMulticast(), r.reservedMcast);
+    EXPECT_EQ(a.isLoopback(), r.loopback);
+    EXPECT_EQ(a.isThisNetwork(), r.thisNet);
+    EXPECT_EQ(a.isLinkLocal(), r.linkLocal);
+    EXPECT_EQ(a.isLinkLocalUnicast(), r.linkLocal);
+    EXPECT_EQ(a.isPrivate(), r.priv);
+    EXPECT_EQ(a.isBroadcast(), r.broadcast);
+  }
+  EXPECT_TRUE(ip("127.0.0.0").isLoopbackBase());
+  EXPECT_FALSE(ip("127.0.0.1").isLoopbackBase());
+  EXPECT_TRUE(ip("224.0.0.13").isPimRouters());
+  EXPECT_FALSE(ip("224.0.0.14").isPimRouters());
+}
+
+TEST(IpAddr, OrderIsNumericAndHashIsWangOfTheNetworkWord) {
+  EXPECT_LT(ip("10.0.0.2"), ip("10.0.0.10"));
+  EXPECT_LT(ip("9.255.255.255"), ip("10.0.0.0"));
+  EXPECT_FALSE(ip("10.0.0.10") < ip("10.0.0.2"));
+  // Values computed independently from the published hash32shift steps.
+  EXPECT_EQ(ip("0.0.0.0").hash(), 0xcaa3caa3u);
+  EXPECT_EQ(ip("10.1.2.3").hash(), 0xd3e0d276u);
+  EXPECT_EQ(ip("192.168.1.1").hash(), 0x8f079ad1u);
+  EXPECT_EQ(ip("255.255.255.255").hash(), 0xbd55fc18u);
+}
+
+TEST(IpAddr, LongestCommonPrefixCountsLeadingAgreement) {
+  EXPECT_EQ(ip("10.0.0.0").longestCommonPrefix(ip("10.0.0.1")), 31u);
+  EXPECT_EQ(ip("0.0.0.0").longestCommonPrefix(ip("128.0.0.0")), 0u);
+  EXPECT_EQ(ip("1.2.3.4").longestCommonPrefix(ip("1.2.3.4")), 32u);
+  EXPECT_EQ(ip("10.1.0.0").longestCommonPrefix(ip("10.3.0.0")), 14u);
+}
+
+TEST(IpAddr, MulticastEthernetDropsTheSecondOctetsTopBit) {
+  EXPECT_EQ(ip("224.0.0.5").mcastEtherAddress(), EthAddr(0x01, 0x00, 0x5e, 0x00, 0x00, 0x05));
+  EXPECT_EQ(ip("239.129.2.3").mcastEtherAddress(), EthAddr(0x01, 0x00, 0x5e, 0x01, 0x02, 0x03));
+  EXPECT_EQ(ipMcastMacAddr(ip("239.129.2.3")), ip("239.129.2.3").mcastEtherAddress());
+  unsigned char out[4];
+  ip("1.2.3.4").copyToBuffer(out);
+  EXPECT_EQ(std::vector<int>(out, out + 4), (std::vector<int>{1, 2, 3, 4}));
+}
+
+TEST(Prefix, ConstructorAcceptsCleanPairsAndTheAllOnesSentinel) {
+  EXPECT_NO_THROW(Prefix(ip("0.0.0.0"), 0));
+  EXPECT_NO_THROW(Prefix(ip("10.1.2.3"), 32));
+  EXPECT_NO_THROW(Prefix(ip("10.1.2.3"), 0xffffffff));
+  for (auto [a, len] : {std::pair{"1.0.0.0", 0u}, {"10.0.0.1", 8u}, {"10.0.0.0", 33u}}) {
+    EXPECT_EQ(errorOf([&] { Prefix(ip(a), len); }), "Prefix::validAsPrefix != true not allowed") << a;
+  }
+  EXPECT_TRUE(prefix("1.2.3.4/32").isHost());
+  EXPECT_FALSE(prefix("224.0.0.0/4").isUnicast());
+}
+
+TEST(PrefixOrder, NestedMostSpecificFirstAndDefaultRouteLast) {
+  std::vector<Prefix> v = {prefix("10.0.0.0/8"), prefix("10.1.0.0/16"), prefix("0.0.0.0/0"), prefix("9.0.0.0/8")};
+  std::sort(v.begin(), v.end());
+  std::vector<std::string> texts;
+  for (auto const& p : v) texts.push_back(p.stringValue().str());
+  EXPECT_EQ(texts, (std::vector<std::string>{"9.0.0.0/8", "10.1.0.0/16", "10.0.0.0/8", "0.0.0.0/0"}));
+  // Equal lengths go by address; the default route sorts after the sentinel
+  // too, which compares like a host route.
+  EXPECT_LT(prefix("10.0.0.0/8"), prefix("11.0.0.0/8"));
+  EXPECT_LT(Prefix(ip("0.0.0.0"), 0xffffffff), prefix("0.0.0.0/0"));
+  EXPECT_LT(Prefix(ip("10.0.0.1"), 0xffffffff), prefix("10.0.0.0/8"));
+  EXPECT_FALSE(prefix("10.0.0.0/8") < prefix("10.0.0.0/8"));
+}
+
+TEST(IpAddrWithMaskOrder, ShorterLengthFirstUnlikePrefix) {
+  IpAddrWithMask const a(ip("10.0.0.0"), 8), b(ip("10.0.0.0"), 16), c(ip("9.0.0.0"), 32);
+  EXPECT_LT(a, b);
+  EXPECT_LT(c, a);
+  EXPECT_LT(IpAddrWithFullMask(ip("1.1.1.1"), 5), IpAddrWithFullMask(ip("1.1.1.1"), 6));
+  EXPECT_LT(IpAddrWithFullMask(ip("1.1.1.0"), 9), IpAddrWithFullMask(ip("1.1.1.1"), 6));
+}
+
+TEST(Prefix, SubnetHostRefusesHostBitsInTheNetworkPart) {
+  EXPECT_EQ(prefix("10.0.0.0/24").subnetHost(ip("0.0.0.5")), ip("10.0.0.5"));
+  EXPECT_EQ(errorOf([] { prefix("10.0.0.0/16").subnetHost(ip("0.1.0.0")); }), "Host address too long");
+  EXPECT_EQ(prefix("0.0.0.0/0").subnetHost(ip("1.2.3.4")), ip("1.2.3.4"));
+  EXPECT_EQ(Prefix(ip("10.0.0.0"), 0xffffffff).subnetHost(ip("1.0.0.0")), ip("11.0.0.0"));
+}
+
+TEST(IpPairs, SeededHashesMixAddressHashThenSecondField) {
+  IpAddr const a = ip("10.1.2.3");
+  U32 const expected = Brio::Hash(7).mix(a.hash()).mix(U32(32)).result();
+  EXPECT_EQ(Prefix(a, 32).hash(7), expected);
+  EXPECT_EQ(IpAddrWithMask(a, 32).hash(7), expected);
+  EXPECT_EQ(IpAddrWithFullMask(a, 32).hash(7), expected);
+  EXPECT_NE(Prefix(a, 32).hash(8), expected);
+}
+
+TEST(PrefixFullMask, ReadsLengthAtTheEndIntoANetworkOrderMask) {
+  struct Row {
+    char const* text;
+    U32 hostMask;
+    char const* error;
+  };
+  Row const rows[] = {
+      {"/24", 0xffffff00, nullptr},
+      {"/0", 0, nullptr},
+      {"/32", 0xffffffff, nullptr},
+      {"/1", 0x80000000, nullptr},
+      {"/264", 0xff000000, nullptr},  // only the low eight bits count
+      {"/33", 0, "Invalid IPv4 prefix length"},
+      {"/24x", 0, "Invalid IPv4 prefix"},
+      {"/", 0, "premature end of Prefix type"},
+      {"/x", 0, "premature end of Prefix type"},
+      {"24", 0, "premature end of Prefix type"},
+  };
+  for (auto const& r : rows) {
+    String const text(r.text);
+    Brio::StringIter pos = text.begin();
+    if (r.error) {
+      EXPECT_EQ(errorOf([&] { sequenceToPrefixFullMask(pos, text.end()); }), r.error) << r.text;
+    } else {
+      EXPECT_EQ(sequenceToPrefixFullMask(pos, text.end()), htonl(r.hostMask)) << r.text;
+    }
+  }
+  EXPECT_EQ(errorOf(throwPrefixToFullMask), "Invalid IPv4 prefix length");
+  EXPECT_EQ(errorOf(throwPrefixLen), "premature end of Prefix type");
+}
+
+TEST(IpAttrLog, WritesHostOrderWordsAndReadsThemBack) {
+  Brio::NboAttrLog log;
+  attrLogWrite(log, ip("10.1.2.3"));
+  attrLogWrite(log, prefix("10.0.0.0/8"));
+  attrLogWrite(log, IpAddrWithMask(ip("10.1.2.3"), 8));
+  attrLogWrite(log, IpAddrWithFullMask(ip("1.2.3.4"), 255));
+  EXPECT_EQ(log.data().str().substr(0, 8), std::string("\x0a\x01\x02\x03\x0a\x00\x00\x00", 8));
+  Brio::NboAttrLog in(log.data());
+  EXPECT_EQ(attrLogRead(in, static_cast<IpAddr*>(nullptr)), ip("10.1.2.3"));
+  EXPECT_EQ(attrLogRead(in, static_cast<Prefix*>(nullptr)), prefix("10.0.0.0/8"));
+  EXPECT_EQ(attrLogRead(in, static_cast<IpAddrWithMask*>(nullptr)), IpAddrWithMask(ip("10.1.2.3"), 8));
+  EXPECT_EQ(attrLogRead(in, static_cast<IpAddrWithFullMask*>(nullptr)), IpAddrWithFullMask(ip("1.2.3.4"), 255));
+  EXPECT_TRUE(in.atEnd());
+  // A prefix with host bits from outside is refused like any other.
+  Brio::NboAttrLog bad;
+  attrLogWrite(bad, IpAddrWithMask(ip("10.0.0.1"), 8));
+  Brio::NboAttrLog badIn(bad.data());
+  EXPECT_THROW(attrLogRead(badIn, static_cast<Prefix*>(nullptr)), Brio::RangeException);
+}
+
+TEST(GetRtaAddr, CopiesThePayloadUnchangedAndRefusesShortAttributes) {
+  alignas(4) unsigned char buf[RTA_LENGTH(16)] = {};
+  auto* rta = reinterpret_cast<rtattr*>(buf);
+  unsigned char const payload[16] = {10, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+  std::memcpy(RTA_DATA(rta), payload, sizeof payload);
+  rta->rta_len = RTA_LENGTH(16);
+  IpAddr a;
+  Ip6Addr b;
+  EthAddr c;
+  ASSERT_TRUE(getRtaAddr(rta, &a));
+  ASSERT_TRUE(getRtaAddr(rta, &b));
+  ASSERT_TRUE(getRtaAddr(rta, &c));
+  EXPECT_EQ(a, ip("10.1.2.3"));
+  EXPECT_EQ(std::memcmp(b.bytes(), payload, 16), 0);
+  EXPECT_EQ(c, EthAddr(10, 1, 2, 3, 4, 5));
+  rta->rta_len = RTA_LENGTH(4);
+  Ip6Addr untouched;
+  EXPECT_FALSE(getRtaAddr(rta, &untouched));
+  EXPECT_TRUE(untouched.isZero());
+}
+
+// The toggle is read once per process, so each case runs in a fresh process
+// (the threadsafe death-test style re-executes the binary) with its own
+// FLAGSET_DIR; the exit code carries the answers.
+class ReservedToggle : public testing::Test {
+ protected:
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+  static int answers(char const* json) {
+    std::filesystem::path const dir =
+        std::filesystem::temp_directory_path() / ("corvid-toggle-" + std::to_string(getpid()));
+    std::filesystem::create_directories(dir);
+    if (json) std::ofstream(dir / "Corvid.json") << json;
+    setenv("FLAGSET_DIR", dir.c_str(), 1);
+    IpAddr const classE = ip("240.0.0.1");
+    int bits = (classE.isReserved(false) ? 1 : 0) | (classE.isReserved(true) ? 2 : 0) |
+               (ip("255.255.255.255").isReserved(false) ? 4 : 0) | (ip("10.0.0.1").isReserved(false) ? 8 : 0);
+    std::filesystem::remove_all(dir);
+    return bits;
+  }
+};
+
+TEST_F(ReservedToggle, ToggleOnLetsCallersRouteClassE) {
+  EXPECT_EXIT(std::exit(answers("{\"Ipv4Routable240ClassE\": true}")), testing::ExitedWithCode(1), "");
+}
+
+TEST_F(ReservedToggle, ToggleOffKeepsClassEReserved) {
+  EXPECT_EXIT(std::exit(answers("{\"Ipv4Routable240ClassE\": false}")), testing::ExitedWithCode(3), "");
+}
+
+TEST_F(ReservedToggle, MissingFileMeansToggleOn) {
+  EXPECT_EXIT(std::exit(answers(nullptr)), testing::ExitedWithCode(1), "");
+}
+
+TEST_F(ReservedToggle, OnlyTheLowestBitOfANumericToggleCounts) {
+  EXPECT_EXIT(std::exit(answers("{\"Ipv4Routable240ClassE\": 2}")), testing::ExitedWithCode(3), "");
+}
+
+}  // namespace
