@@ -1,0 +1,235 @@
+#include <Corvid/Checksum.h>
+
+#include <algorithm>
+#include <ostream>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
+namespace Corvid {
+
+std::ostream& operator<<(std::ostream& os, NetU16 v) { return os << v.value(); }
+std::ostream& operator<<(std::ostream& os, NetU32 v) { return os << v.value(); }
+
+namespace ChecksumKernels {
+
+U64 wordSumScalar(U8 const* p, std::size_t len) {
+  constexpr std::size_t block = 2048;  // the most wordSumShort's lanes take
+  U64 sum = 0;
+  for (; len > block; p += block, len -= block) sum += wordSumShort(p, block);
+  return sum + wordSumShort(p, len);
+}
+
+#if defined(__x86_64__)
+
+// The vector loops keep two 16-bit lane sums per accumulator: s, of the
+// little-endian words as loaded (wrapping at 16 bits), and o, of their high
+// bytes (the bytes at odd offsets). Over at most 256 iterations o cannot
+// wrap, and neither can the low-byte sum e; since s = e + 256 o modulo 2^16,
+// e = s - 256 o exactly. That is three instructions per vector (add, shift,
+// add) where summing both byte classes directly takes four.
+namespace {
+
+constexpr std::size_t maxIterations = 256;
+
+// A block ends with four (s, o) pairs. Per pair e = s - 256 o exactly; every
+// e and o is then widened to 32-bit lanes by one signed multiply-add with
+// ones, after flipping the sign bit so the multiply-add sees x - 32768 (each
+// word's 32768 is added back at the end). Exact: 32-bit lanes hold at most
+// eight words of 16 bits.
+constexpr S64 flipBias(int wordsPerVector) { return S64(4) * wordsPerVector * 32768; }
+
+inline S64 laneTotal128(__m128i v) {
+  v = _mm_add_epi32(v, _mm_shuffle_epi32(v, 0x4e));
+  v = _mm_add_epi32(v, _mm_shuffle_epi32(v, 0xb1));
+  return _mm_cvtsi128_si32(v);
+}
+
+// sums: s0..s3, then o0..o3.
+inline U64 blockSum128(__m128i const* sums) {
+  __m128i const flip = _mm_set1_epi16(static_cast<short>(0x8000));
+  __m128i const ones = _mm_set1_epi16(1);
+  __m128i e32 = _mm_setzero_si128(), o32 = e32;
+  for (int i = 0; i < 4; ++i) {
+    __m128i const e = _mm_sub_epi16(sums[i], _mm_slli_epi16(sums[i + 4], 8));
+    e32 = _mm_add_epi32(e32, _mm_madd_epi16(_mm_xor_si128(e, flip), ones));
+    o32 = _mm_add_epi32(o32, _mm_madd_epi16(_mm_xor_si128(sums[i + 4], flip), ones));
+  }
+  return static_cast<U64>(((laneTotal128(e32) + flipBias(8)) << 8) + laneTotal128(o32) + flipBias(8));
+}
+
+}  // namespace
+
+namespace {
+
+// Vectors of 16-bit lanes in the compilers' generic vector types: + and >>
+// work lane-wise and compile to the instructions of whichever target the
+// function they are inlined into has.
+using Lanes16 = U16 __attribute__((vector_size(16)));
+using Lanes32 = U16 __attribute__((vector_size(32)));
+using Lanes64 = U16 __attribute__((vector_size(64)));
+
+template <class Lanes>
+__attribute__((always_inline)) inline void sumStep(Lanes& s, Lanes& o, U8 const* p) {
+  Lanes v;
+  std::memcpy(&v, p, sizeof v);
+  s += v;
+  o += v >> 8;
+}
+
+// One block of at most maxIterations iterations of four vectors into four
+// independent accumulator pairs, left in sums[0..8) as s0..s3, o0..o3. Each
+// kernel has its own out-of-line copy compiled for its target, with the sums
+// leaving through memory: otherwise GCC shuffles every accumulator through a
+// spare register on each iteration.
+template <class Lanes>
+__attribute__((always_inline)) inline void sumBlock(U8 const* p, U8 const* end, Lanes* sums) {
+  constexpr std::size_t width = sizeof(Lanes);
+  Lanes s0{}, s1{}, s2{}, s3{}, o0{}, o1{}, o2{}, o3{};
+  for (; p != end; p += 4 * width) {
+    sumStep(s0, o0, p);
+    sumStep(s1, o1, p + width);
+    sumStep(s2, o2, p + 2 * width);
+    sumStep(s3, o3, p + 3 * width);
+  }
+  sums[0] = s0, sums[1] = s1, sums[2] = s2, sums[3] = s3;
+  sums[4] = o0, sums[5] = o1, sums[6] = o2, sums[7] = o3;
+}
+
+__attribute__((noinline)) void sse2Block(U8 const* p, U8 const* end, Lanes16* sums) { sumBlock(p, end, sums); }
+
+// Whole blocks through one kernel's block loop and reduction, the rest
+// through the next narrower kernel.
+template <class Lanes, void (*block)(U8 const*, U8 const*, Lanes*), U64 (*reduce)(Lanes const*),
+          U64 (*rest)(U8 const*, std::size_t)>
+U64 wordSumBlocks(U8 const* p, std::size_t len) {
+  constexpr std::size_t iterationBytes = 4 * sizeof(Lanes);
+  U64 sum = 0;
+  while (len >= iterationBytes) {
+    std::size_t const bytes = std::min(len / iterationBytes, maxIterations) * iterationBytes;
+    Lanes sums[8];
+    block(p, p + bytes, sums);
+    sum += reduce(sums);
+    p += bytes;
+    len -= bytes;
+  }
+  return sum + rest(p, len);
+}
+
+U64 blockSum128(Lanes16 const* sums) { return blockSum128(reinterpret_cast<__m128i const*>(sums)); }
+
+}  // namespace
+
+U64 wordSumSse2(U8 const* p, std::size_t len) {
+  return wordSumBlocks<Lanes16, sse2Block, blockSum128, wordSumShort>(p, len);
+}
+
+namespace {
+
+__attribute__((target("avx2"))) inline U64 blockSum256(__m256i const* sums) {
+  __m256i const flip = _mm256_set1_epi16(static_cast<short>(0x8000));
+  __m256i const ones = _mm256_set1_epi16(1);
+  __m256i e32 = _mm256_setzero_si256(), o32 = e32;
+  for (int i = 0; i < 4; ++i) {
+    __m256i const e = _mm256_sub_epi16(sums[i], _mm256_slli_epi16(sums[i + 4], 8));
+    e32 = _mm256_add_epi32(e32, _mm256_madd_epi16(_mm256_xor_si256(e, flip), ones));
+    o32 = _mm256_add_epi32(o32, _mm256_madd_epi16(_mm256_xor_si256(sums[i + 4], flip), ones));
+  }
+  S64 const e = laneTotal128(_mm_add_epi32(_mm256_castsi256_si128(e32), _mm256_extracti128_si256(e32, 1)));
+  S64 const o = laneTotal128(_mm_add_epi32(_mm256_castsi256_si128(o32), _mm256_extracti128_si256(o32, 1)));
+  return static_cast<U64>(((e + flipBias(16)) << 8) + o + flipBias(16));
+}
+
+__attribute__((target("avx2"))) U64 blockSum256(Lanes32 const* sums) {
+  return blockSum256(reinterpret_cast<__m256i const*>(sums));
+}
+
+__attribute__((noinline, target("avx2"))) void avx2Block(U8 const* p, U8 const* end, Lanes32* sums) {
+  sumBlock(p, end, sums);
+}
+
+}  // namespace
+
+U64 wordSumAvx2(U8 const* p, std::size_t len) {
+  return wordSumBlocks<Lanes32, avx2Block, blockSum256, wordSumSse2>(p, len);
+}
+
+namespace {
+
+__attribute__((noinline, target("avx512bw"))) void avx512Block(U8 const* p, U8 const* end, Lanes64* sums) {
+  sumBlock(p, end, sums);
+}
+
+__attribute__((target("avx512bw"))) inline U64 blockSum512(__m512i const* sums) {
+  __m512i const flip = _mm512_set1_epi16(static_cast<short>(0x8000));
+  __m512i const ones = _mm512_set1_epi16(1);
+  __m512i e32 = _mm512_setzero_si512(), o32 = e32;
+  for (int i = 0; i < 4; ++i) {
+    __m512i const e = _mm512_sub_epi16(sums[i], _mm512_slli_epi16(sums[i + 4], 8));
+    e32 = _mm512_add_epi32(e32, _mm512_madd_epi16(_mm512_xor_si512(e, flip), ones));
+    o32 = _mm512_add_epi32(o32, _mm512_madd_epi16(_mm512_xor_si512(sums[i + 4], flip), ones));
+  }
+  S32 lanes[32];
+  _mm512_storeu_si512(lanes, e32);
+  _mm512_storeu_si512(lanes + 16, o32);
+  S64 e = 0, o = 0;
+  for (int i = 0; i < 16; ++i) e += lanes[i], o += lanes[i + 16];
+  return static_cast<U64>(((e + flipBias(32)) << 8) + o + flipBias(32));
+}
+
+__attribute__((target("avx512bw"))) U64 blockSum512(Lanes64 const* sums) {
+  return blockSum512(reinterpret_cast<__m512i const*>(sums));
+}
+
+}  // namespace
+
+U64 wordSumAvx512(U8 const* p, std::size_t len) {
+  return wordSumBlocks<Lanes64, avx512Block, blockSum512, wordSumAvx2>(p, len);
+}
+
+bool avx2Available() {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2");
+}
+
+bool avx512Available() {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx512bw");
+}
+
+namespace {
+
+using WordSumFn = U64 (*)(U8 const*, std::size_t);
+
+U64 wordSumFirstCall(U8 const* p, std::size_t len);
+
+// Points at the chooser until the first long buffer (a constant initialiser,
+// so it is valid even for statics of other files that run first), then at
+// the chosen kernel.
+WordSumFn wordSumChosen = wordSumFirstCall;
+
+U64 wordSumFirstCall(U8 const* p, std::size_t len) {
+  WordSumFn const chosen = avx512Available() ? wordSumAvx512 : avx2Available() ? wordSumAvx2 : wordSumSse2;
+  __atomic_store_n(&wordSumChosen, chosen, __ATOMIC_RELAXED);
+  return chosen(p, len);
+}
+
+}  // namespace
+
+U64 wordSumLong(U8 const* p, std::size_t len) { return __atomic_load_n(&wordSumChosen, __ATOMIC_RELAXED)(p, len); }
+
+#else
+
+U64 wordSumSse2(U8 const* p, std::size_t len) { return wordSumScalar(p, len); }
+U64 wordSumAvx2(U8 const* p, std::size_t len) { return wordSumScalar(p, len); }
+U64 wordSumAvx512(U8 const* p, std::size_t len) { return wordSumScalar(p, len); }
+bool avx2Available() { return false; }
+bool avx512Available() { return false; }
+U64 wordSumLong(U8 const* p, std::size_t len) { return wordSumScalar(p, len); }
+
+#endif
+
+}  // namespace ChecksumKernels
+
+}  // namespace Corvid

@@ -1,0 +1,545 @@
+#include <Corvid/Pkt.h>
+
+#include <Brio/Exception.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace Corvid {
+namespace {
+
+// Death tests match the whole assertion line, so a longer expression that
+// merely contains the expected one does not pass.
+testing::Matcher<std::string const&> assertion(std::string const& text) {
+  return testing::HasSubstr("Assertion failed: " + text + "\n");
+}
+
+Brio::Ptr<Pkt> pktWith(std::string const& bytes, U32 bufferSize = Pkt::Manager::initialBufferSize) {
+  Brio::Ptr<Pkt> pkt = Brio::makePtr<Pkt>();
+  pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(bufferSize));
+  pkt->stringValueIs(Brio::String(bytes));
+  return pkt;
+}
+
+std::string hex(std::string const& s) {
+  std::ostringstream out;
+  for (unsigned char c : s) out << "0123456789abcdef"[c >> 4] << "0123456789abcdef"[c & 15];
+  return out.str();
+}
+
+TEST(PktManager, NewPktIsEmptyWithAllOfTheDefaultBufferAsHeadroom) {
+  Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
+  EXPECT_EQ(globalPktManager()->name(), "Pkt::Manager");
+  EXPECT_EQ(pkt->bytes(), 0u);
+  EXPECT_TRUE(pkt->empty());
+  EXPECT_EQ(pkt->maxSharedData(), 1536u);
+  EXPECT_EQ(pkt->sharedBuffer()->headroom(), 1536u);
+  EXPECT_EQ(pkt->stringValue(), "");
+  EXPECT_EQ(pkt->firstIoVec(), 1);
+  EXPECT_EQ(pkt->ioVecCount(), 1u);
+  EXPECT_FALSE(pkt->tciPresent());
+  EXPECT_EQ(pktFactory()->maxSharedData(), 10000u);
+  EXPECT_EQ(globalPktManager().ptr(), globalPktManager().ptr());
+}
+
+TEST(PktManager, BufferSizeSettingNotifiesAndSizesLaterPackets) {
+  struct Watcher : Pkt::Manager::Notifiee {
+    int calls = 0;
+    void handleDefaultBufferSize() override { ++calls; }
+  };
+  Brio::Ptr<Pkt::Manager> manager = Brio::makePtr<Pkt::Manager>();
+  Watcher watcher;
+  watcher.notifierIs(manager);
+  manager->defaultBufferSizeIs(9000);
+  manager->defaultBufferSizeIs(9000);
+  EXPECT_EQ(watcher.calls, 1);
+  EXPECT_EQ(manager->newPkt()->maxSharedData(), 9000u);
+  watcher.notifierIs(nullptr);
+}
+
+TEST(PktSharedData, HeadroomIsUsedUpBeforeTheBufferGrowsByExactlyTheShortfall) {
+  Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
+  Pkt::SharedBuffer* before = pkt->sharedBuffer().ptr();
+  pkt->newSharedHeadData(1536);
+  EXPECT_EQ(pkt->sharedBuffer().ptr(), before);
+  pkt->rawByteIs(0, 0xAB);
+  pkt->newSharedHeadData(1);
+  EXPECT_EQ(pkt->maxSharedData(), 1537u);
+  EXPECT_EQ(pkt->sharedBuffer()->headroom(), 0u);
+  EXPECT_EQ(pkt->bytes(), 1537u);
+  EXPECT_EQ(pkt->rawByte(1), 0xAB);
+  EXPECT_EQ(pkt->sharedBuffer()->data() + pkt->bytes(),
+            pkt->sharedBuffer()->buffer() + pkt->sharedBuffer()->size());
+}
+
+TEST(PktSharedData, TailDataOnAFreshPacketAlwaysReallocatesAndEndsAtTheBufferEnd) {
+  Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
+  pkt->newSharedTailData(7);
+  EXPECT_EQ(pkt->maxSharedData(), 1536u + 7);
+  EXPECT_EQ(pkt->sharedBuffer()->tailroom(), 0u);
+  EXPECT_EQ(pkt->sharedBuffer()->headroom(), 1536u);
+  pkt->delSharedHeadData(3);
+  pkt->newSharedTailData(3);  // room freed at the head is not tail room
+  EXPECT_EQ(pkt->maxSharedData(), 1536u + 10);
+  EXPECT_EQ(pkt->bytes(), 7u);
+}
+
+TEST(PktSharedData, ValueSettersPrependOrAppendAndResetEmptiesForReuse) {
+  Brio::Ptr<Pkt> pkt = pktWith("world");
+  pkt->stringValueIs("hello ");
+  pkt->bytesValueIs(Brio::Bytes("!"), true);
+  EXPECT_EQ(pkt->stringValue(), "hello world!");
+  EXPECT_EQ(pkt->bytesValue(), Brio::Bytes("hello world!"));
+  pkt->resetSharedData();
+  EXPECT_EQ(pkt->bytes(), 0u);
+  EXPECT_EQ(pkt->sharedBuffer()->headroom(), pkt->maxSharedData());
+}
+
+TEST(PktPrivateHead, PrivateBytesComeFirstAndSurviveGrowthOfTheSharedBuffer) {
+  Brio::Ptr<Pkt> pkt = pktWith("payload", 8);
+  pkt->newPrivateHeadData(3);
+  std::memcpy(pkt->privateBufferData(), "hdr", 3);
+  EXPECT_EQ(pkt->firstIoVec(), 0);
+  EXPECT_EQ(pkt->frontBytes(), 3u);
+  pkt->stringValueIs("big ");  // outgrows the 8-byte buffer
+  EXPECT_EQ(pkt->stringValue(), "hdrbig payload");
+  EXPECT_EQ(pkt->rawByte(2), 'r');
+  EXPECT_EQ(pkt->rawByte(3), 'b');
+  ASSERT_EQ(pkt->ioVecCount(), 2u);
+  EXPECT_EQ(pkt->ioVecs()[0].iov_len, 3u);
+  EXPECT_EQ(pkt->ioVecs()[1].iov_len, 11u);
+  pkt->delPrivateHeadData(3);  // iovec 0 stays, with length 0
+  EXPECT_EQ(pkt->firstIoVec(), 0);
+  EXPECT_EQ(pkt->frontBytes(), 0u);
+  EXPECT_EQ(pkt->stringValue(), "big payload");
+  EXPECT_THROW(pkt->ioVec(2), Brio::RangeException);
+}
+
+TEST(PktPrivateHead, PacketWithoutSharedBufferViewsPrivateBytesInItsOnlyIovec) {
+  Brio::Ptr<Pkt> pkt = Brio::makePtr<Pkt>();
+  EXPECT_EQ(pkt->firstIoVec(), 2);
+  EXPECT_EQ(pkt->bytes(), 0u);
+  EXPECT_EQ(pkt->frontData(), nullptr);
+  pkt->newPrivateHeadData(64);
+  std::memset(pkt->privateBufferData(), 'x', 64);
+  EXPECT_EQ(pkt->firstIoVec(), 1);
+  EXPECT_EQ(pkt->stringValue(), std::string(64, 'x'));
+  pkt->delPrivateHeadData(60);
+  EXPECT_EQ(pkt->stringValue(), "xxxx");
+}
+
+TEST(PktShallowCopy, SharesTheBufferAndCarriesTheSeparateTag) {
+  Brio::Ptr<Pkt> pkt = pktWith("abcdef");
+  pkt->newSeparateVlanTag(0xA00B, 0x88A8);
+  Brio::Ptr<Pkt> copy = globalPktManager()->newShallowCopy(pkt);
+  EXPECT_EQ(copy->sharedBuffer(), pkt->sharedBuffer());
+  EXPECT_EQ(copy->stringValue(), "abcdef");
+  EXPECT_TRUE(copy->tciPresent());
+  EXPECT_EQ(copy->tciField(), 0xA00B);
+  EXPECT_EQ(copy->vlanTpid(), 0x88A8);
+  // No copy-on-write: the copy's cached view still covers the old six bytes.
+  pkt->delSharedHeadData(2);
+  EXPECT_EQ(pkt->stringValue(), "cdef");
+  EXPECT_EQ(copy->stringValue(), "abcdef");
+
+  Brio::Ptr<Pkt> bare = globalPktManager()->newShallowCopy(Brio::makePtr<Pkt>());
+  EXPECT_EQ(bare->firstIoVec(), 2);
+}
+
+TEST(PktShallowCopy, RefusesAPacketWithPrivateHeadBytes) {
+  Brio::Ptr<Pkt> pkt = pktWith("abc");
+  pkt->newPrivateHeadData(1);
+  try {
+    globalPktManager()->newShallowCopy(pkt);
+    FAIL() << "no exception";
+  } catch (Brio::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "shallow copy of packet with non-shared data");
+  }
+}
+
+TEST(PktVlan, StringValueInsertsTheSeparateTagOnlyWhenBothMacsArePresent) {
+  Brio::Ptr<Pkt> shortPkt = pktWith(std::string(11, 'm'));
+  shortPkt->newSeparateVlanTag(0x2064, 0x8100);
+  EXPECT_EQ(shortPkt->stringValueMaybeWithVlan(), std::string(11, 'm'));
+  Brio::Ptr<Pkt> pkt = pktWith(std::string(12, 'm'));
+  EXPECT_EQ(pkt->stringValueMaybeWithVlan(), std::string(12, 'm'));
+  pkt->newSeparateVlanTag(0x2064, 0x8100);
+  EXPECT_EQ(hex(pkt->stringValueMaybeWithVlan().str()), hex(std::string(12, 'm')) + "81002064");
+  // The twelve bytes may straddle the private and shared pieces.
+  Brio::Ptr<Pkt> split = pktWith("MMMMMMMMMMxxyy");
+  split->delSharedHeadData(2);
+  split->newPrivateHeadData(2);
+  std::memcpy(split->privateBufferData(), "MM", 2);
+  split->newSeparateVlanTag(0x0005, 0x88A8);
+  EXPECT_EQ(hex(split->stringValueMaybeWithVlan().str()), hex("MMMMMMMMMMxx") + "88a80005" + hex("yy"));
+}
+
+TEST(PktVlan, TciBitFieldsReadAndWriteIndependently) {
+  Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
+  pkt->newSeparateVlanTag(0, 0x8100);
+  pkt->tciVlanIdIs(0xABC);
+  pkt->tciPriorityIs(5);
+  pkt->tciCfiIs(true);
+  EXPECT_EQ(pkt->tciField(), 0xBABC);
+  pkt->tciPriorityIs(0);
+  EXPECT_EQ(pkt->tciField(), 0x1ABC);
+  EXPECT_TRUE(pkt->tciCfi());
+  EXPECT_EQ(pkt->tciVlanId(), 0xABC);
+  pkt->delSeparateVlanTag();
+  EXPECT_FALSE(pkt->tciPresent());
+  EXPECT_EQ(pkt->tciField(), 0);
+  EXPECT_EQ(pkt->vlanTpid(), 0x8100);  // left as it was
+}
+
+// Frames: destination and source MAC, then what follows.
+std::string const macs = "\x01\x02\x03\x04\x05\x06\x11\x12\x13\x14\x15\x16";
+std::string frameWith(std::string const& rest) { return macs + rest; }
+std::string const tagged100 = frameWith(std::string("\x81\x00\xA0\x64\x08\x00" "IP", 8));
+std::string const untagged = frameWith(std::string("\x08\x00" "IP", 4));
+std::string const qinq = frameWith(std::string("\x88\xA8\x20\x07\x08\x00" "IP", 8));
+
+TEST(PktVlanFunctions, VlanIdComesFromTheSeparateTagThenTheFrame) {
+  struct Case {
+    std::string frame;
+    bool separate;
+    U16 separateTci, separateTpid, expected;
+  } const cases[] = {
+      {tagged100, false, 0, 0, 100},      {untagged, false, 0, 0, 0},
+      {qinq, false, 0, 0, 0},             {untagged, true, 0xE00A, 0x8100, 10},
+      {tagged100, true, 0x0007, 0x88A8, 100},  // a non-0x8100 separate tag is skipped
+      {macs.substr(0, 10), false, 0, 0, 0},
+  };
+  for (auto const& c : cases) {
+    Brio::Ptr<Pkt> pkt = pktWith(c.frame);
+    if (c.separate) pkt->newSeparateVlanTag(c.separateTci, c.separateTpid);
+    EXPECT_EQ(vlanIdFromEthPkt(pkt), c.expected) << hex(c.frame);
+    EXPECT_EQ(pkt->stringValue(), c.frame);
+  }
+}
+
+TEST(PktVlanFunctions, AddPushesASeparateTagIntoTheFrameWithoutItsPriority) {
+  Brio::Ptr<Pkt> pkt = pktWith(untagged);
+  addPktVlanTag(pkt, 100);
+  EXPECT_EQ(hex(pkt->stringValue().str()), hex(frameWith(std::string("\x81\x00\x00\x64\x08\x00" "IP", 8))));
+
+  Brio::Ptr<Pkt> sep = pktWith(untagged);
+  sep->newSeparateVlanTag(0xB00A, 0x88A8);  // priority 5, CFI set, VLAN 10
+  addPktVlanTag(sep, 20);
+  EXPECT_EQ(hex(sep->stringValue().str()), hex(frameWith(std::string("\x88\xA8\x00\x0A\x08\x00" "IP", 8))));
+  EXPECT_TRUE(sep->tciPresent());
+  EXPECT_EQ(sep->tciField(), 20);
+  EXPECT_EQ(sep->vlanTpid(), 0x8100);
+}
+
+TEST(PktVlanFunctions, StripRemovesOnlyTheOutermostTagWithAListedTpid) {
+  std::set<U16> both{0x8100, 0x88A8};
+  std::set<U16> dot1q{0x8100};
+  struct Case {
+    std::string frame;
+    std::set<U16>* tpids;
+    std::string expected;
+  } const cases[] = {
+      {tagged100, &dot1q, untagged},
+      {qinq, &dot1q, qinq},
+      {qinq, &both, untagged},
+      {untagged, &both, untagged},
+      {frameWith("\x81\x00\x00"), &both, frameWith("\x81\x00\x00")},  // too short to carry a tag
+  };
+  for (auto const& c : cases) {
+    Brio::Ptr<Pkt> pkt = pktWith(c.frame);
+    stripPktVlanTagSet(pkt, *c.tpids);
+    EXPECT_EQ(hex(pkt->stringValue().str()), hex(c.expected)) << hex(c.frame);
+  }
+  Brio::Ptr<Pkt> sep = pktWith(tagged100);
+  sep->newSeparateVlanTag(0x0005, 0x88A8);
+  stripPktVlanTag(sep);  // the outermost tag is the separate 0x88A8 one: untouched
+  EXPECT_TRUE(sep->tciPresent());
+  EXPECT_EQ(sep->stringValue(), tagged100);
+  stripPktVlanTagSet(sep, both);
+  EXPECT_FALSE(sep->tciPresent());
+  EXPECT_EQ(sep->stringValue(), tagged100);
+}
+
+TEST(PktVlanFunctions, OffloadMovesTheInFrameTagWithPriorityAndCfi) {
+  Brio::Ptr<Pkt> pkt = pktWith(frameWith(std::string("\x88\xA8\xB0\x07\x08\x00" "IP", 8)));
+  maybeOffloadAnyVlanTag(pkt);
+  EXPECT_EQ(pkt->stringValue(), untagged);
+  EXPECT_TRUE(pkt->tciPresent());
+  EXPECT_EQ(pkt->tciField(), 0xB007);
+  EXPECT_EQ(pkt->vlanTpid(), 0x88A8);
+  maybeOffloadAnyVlanTag(pkt);  // already carries one: nothing happens
+  EXPECT_EQ(pkt->stringValue(), untagged);
+
+  Brio::Ptr<Pkt> plain = pktWith(untagged);
+  maybeOffloadAnyVlanTag(plain);
+  EXPECT_FALSE(plain->tciPresent());
+}
+
+TEST(PktVlanFunctions, FixupRewritesAddsOrStripsTheTag) {
+  Brio::Ptr<Pkt> inFrame = pktWith(tagged100);
+  fixupPktVlanTag(inFrame, 0x123, true);  // priority bits of the frame's TCI are kept
+  EXPECT_EQ(hex(inFrame->stringValue().str()), hex(frameWith(std::string("\x81\x00\xA1\x23\x08\x00" "IP", 8))));
+  fixupPktVlanTag(inFrame, 0, false);
+  EXPECT_EQ(inFrame->stringValue(), untagged);
+
+  Brio::Ptr<Pkt> plain = pktWith(untagged);
+  fixupPktVlanTag(plain, 7, true);
+  EXPECT_EQ(vlanIdFromEthPkt(plain), 7);
+
+  Brio::Ptr<Pkt> sep = pktWith(untagged);
+  sep->newSeparateVlanTag(0x6005, 0x8100);
+  fixupPktVlanTag(sep, 9, true);
+  EXPECT_EQ(sep->tciField(), 0x6009);
+  EXPECT_EQ(sep->stringValue(), untagged);
+
+  Brio::Ptr<Pkt> other = pktWith(untagged);
+  other->newSeparateVlanTag(0x0005, 0x88A8);
+  fixupPktVlanTag(other, 9, true);
+  EXPECT_EQ(other->tciField(), 9);
+  EXPECT_EQ(other->vlanTpid(), 0x8100);
+  EXPECT_EQ(hex(other->stringValue().str()), hex(frameWith(std::string("\x88\xA8\x00\x05\x08\x00" "IP", 8))));
+}
+
+TEST(PktOffsets, BoundsUseTheSharedLengthTruncatedToSixteenBits) {
+  Brio::Ptr<Pkt> pkt = pktWith(std::string(100, 'p'));
+  pkt->beginOffsetIs(10);
+  pkt->endOffsetIs(20);
+  EXPECT_EQ(pkt->offsetBytes(), 70u);
+  pkt->beginOffsetInc(-15);
+  EXPECT_EQ(pkt->offsetBytes(), 85u);
+
+  Brio::Ptr<Pkt> jumbo = pktWith(std::string(65536 + 10, 'j'), 65536 + 10);
+  jumbo->endOffsetIs(10);  // 65546 bytes read as 16 bits leave 10
+  EXPECT_DEATH(jumbo->beginOffsetIs(1), assertion("checkOffsetBounds()"));
+}
+
+TEST(PktDeath, CallerVisibleAssertionsNameTheBrokenInvariant) {
+  Brio::Ptr<Pkt> bare = Brio::makePtr<Pkt>();
+  EXPECT_DEATH(bare->newSharedHeadData(1), assertion("sharedBuffer_ != 0"));
+  EXPECT_DEATH(bare->stringValueIs("x"), assertion("sharedBuffer_ != 0"));
+  EXPECT_DEATH(bare->bytesValueIs(Brio::Bytes("x"), true), assertion("sharedBuffer_ != 0"));
+  // Operators grep for these two lines of Pkt.cpp in field reports.
+  EXPECT_DEATH(bare->stringValueIs("x"), testing::HasSubstr("Pkt.cpp:110 in stringValueIs"));
+  EXPECT_DEATH(bare->bytesValueIs(Brio::Bytes("x")), testing::HasSubstr("Pkt.cpp:117 in bytesValueIs"));
+  EXPECT_DEATH(bare->resetSharedData(), assertion("sharedBuffer_ != 0"));
+
+  Brio::Ptr<Pkt> pkt = pktWith("0123456789");
+  EXPECT_DEATH(pkt->sharedBufferIs(globalPktManager()->newSharedBuffer()), assertion("firstIoVec_ == maxIovecs_"));
+  EXPECT_DEATH(pkt->delSharedHeadData(11), assertion("ptrWithinRegion( data_, buffer_, size_ )"));
+  EXPECT_DEATH(pkt->delSharedTailData(11), assertion("ptrWithinRegion( data_ + dataBytes_, buffer_, size_ )"));
+  EXPECT_DEATH(pkt->rawByte(10), assertion("index < bytes()"));
+  EXPECT_DEATH(pkt->rawByteDel(0), assertion("!\"rawByteDel is not supported\""));
+  EXPECT_DEATH(pkt->tciPriorityIs(8), assertion("( _tciPriority & ~0x7) == 0"));
+  EXPECT_DEATH(pkt->tciVlanIdIs(0x1000), assertion("( _tciVlanId & ~0x0fff) == 0"));
+  EXPECT_DEATH(pkt->delPrivateHeadData(1), assertion("(firstIoVec_ == 0) || (sharedBuffer_ == 0)"));
+  EXPECT_DEATH(pkt->endOffsetIs(11), assertion("checkOffsetBounds()"));
+
+  pkt->newPrivateHeadData(60);
+  EXPECT_DEATH(pkt->newPrivateHeadData(5),
+               assertion("ptrWithinRegion( privateBufferData_, privateBuffer_, privateBufferSize_ )"));
+  EXPECT_DEATH(pkt->delPrivateHeadData(61),
+               assertion("ptrWithinRegion( privateBufferData_, privateBuffer_, privateBufferSize_ )"));
+  pkt->delPrivateHeadData(60);
+  EXPECT_DEATH(pkt->newPrivateHeadData(1), assertion("firstIoVec_ != 0"));
+
+  Brio::Ptr<Pkt> shortFrame = pktWith("0123");
+  EXPECT_DEATH(addPktVlanTag(shortFrame, 1), assertion("frameBytes(pkt) >= macBytes"));
+  fixupPktVlanTag(pktWith(tagged100), 100, true);
+  Brio::Ptr<Pkt> sep = pktWith(untagged);
+  sep->newSeparateVlanTag(0, 0x8100);
+  EXPECT_DEATH(fixupPktVlanTag(sep, 0x1000, true), assertion("( _tciVlanId & ~0x0fff) == 0"));
+}
+
+TEST(PktDeath, OverrunOfThePrivateHeadBufferIsCaughtByTheGuardWords) {
+  EXPECT_DEATH(
+      {
+        Brio::Ptr<Pkt> pkt = pktWith("x");
+        pkt->newPrivateHeadData(64);
+        pkt->privateBufferData()[-1] = 0;  // one byte in front of the private buffer
+        pkt = nullptr;
+      },
+      assertion("magicBarrier0_ == magic_"));
+  EXPECT_DEATH(
+      {
+        Brio::Ptr<Pkt> pkt = pktWith("x");
+        pkt->newPrivateHeadData(1);
+        pkt->privateBufferData()[1] = 0;  // one byte past its end
+        pkt->checkMagic();
+      },
+      assertion("magicBarrier1_ == magic_"));
+}
+
+// The packet against a plain byte vector mutated in step: random sequences
+// of every head, tail and private operation, with the buffer geometry
+// predicted by the exact-growth rule. The first divergence is reported with
+// the operations that led to it.
+class PktModel {
+ public:
+  explicit PktModel(U32 size) : size_(size), head_(size) {
+    pkt_ = Brio::makePtr<Pkt>();
+    pkt_->sharedBufferIs(globalPktManager()->newSharedBuffer(size));
+  }
+
+  void step(std::mt19937& rng) {
+    std::uniform_int_distribution<U32> pick(0, 8);
+    U32 const len = static_cast<U32>(shared_.size());
+    std::uniform_int_distribution<U32> upTo(0, 40);
+    switch (pick(rng)) {
+      case 0: {
+        U32 n = upTo(rng);
+        log("newSharedHeadData", n);
+        pkt_->newSharedHeadData(n);
+        std::string fill = randomBytes(rng, n);
+        std::memcpy(pkt_->sharedBuffer()->data(), fill.data(), n);
+        shared_.insert(0, fill);
+        if (head_ < n) {
+          size_ += n;
+          head_ = size_ - len;
+        }
+        head_ -= n;
+        break;
+      }
+      case 1: {
+        U32 n = std::min(upTo(rng), len);
+        log("delSharedHeadData", n);
+        pkt_->delSharedHeadData(n);
+        shared_.erase(0, n);
+        head_ += n;
+        break;
+      }
+      case 2: {
+        U32 n = upTo(rng);
+        log("newSharedTailData", n);
+        pkt_->newSharedTailData(n);
+        std::string fill = randomBytes(rng, n);
+        std::memcpy(pkt_->sharedBuffer()->data() + len, fill.data(), n);
+        shared_ += fill;
+        if (size_ - head_ - len < n) {
+          size_ += n;
+          head_ = size_ - len - n;
+        }
+        break;
+      }
+      case 3: {
+        U32 n = std::min(upTo(rng), len);
+        log("delSharedTailData", n);
+        pkt_->delSharedTailData(n);
+        shared_.resize(len - n);
+        break;
+      }
+      case 4: {
+        // A first claim is possible only once: giving all bytes back keeps iovec 0.
+        U32 room = 64 - static_cast<U32>(private_.size());
+        if (privateReleased_ && private_.empty()) return;
+        U32 n = std::min(upTo(rng) % 9 + 1, room);
+        if (n == 0) return;
+        log("newPrivateHeadData", n);
+        pkt_->newPrivateHeadData(n);
+        std::string fill = randomBytes(rng, n);
+        std::memcpy(pkt_->privateBufferData(), fill.data(), n);
+        private_.insert(0, fill);
+        break;
+      }
+      case 5: {
+        if (pkt_->firstIoVec() != 0) return;
+        U32 n = std::min(upTo(rng) % 9, static_cast<U32>(private_.size()));
+        log("delPrivateHeadData", n);
+        pkt_->delPrivateHeadData(n);
+        private_.erase(0, n);
+        if (private_.empty()) privateReleased_ = true;
+        break;
+      }
+      case 6: {
+        log("resetSharedData", 0);
+        pkt_->resetSharedData();
+        shared_.clear();
+        head_ = size_;
+        break;
+      }
+      case 7: {
+        std::string s = randomBytes(rng, upTo(rng));
+        bool append = rng() & 1;
+        log(append ? "stringValueIs(append)" : "stringValueIs", static_cast<U32>(s.size()));
+        pkt_->stringValueIs(Brio::String(s), append);
+        if (append) {
+          if (size_ - head_ - len < s.size()) {
+            size_ += static_cast<U32>(s.size());
+            head_ = size_ - len - static_cast<U32>(s.size());
+          }
+          shared_ += s;
+        } else {
+          if (head_ < s.size()) {
+            size_ += static_cast<U32>(s.size());
+            head_ = size_ - len;
+          }
+          head_ -= static_cast<U32>(s.size());
+          shared_.insert(0, s);
+        }
+        break;
+      }
+      default: {
+        std::string whole = private_ + shared_;
+        if (whole.empty()) return;
+        U32 i = static_cast<U32>(rng() % whole.size());
+        U8 v = static_cast<U8>(rng());
+        log("rawByteIs", i);
+        pkt_->rawByteIs(i, v);
+        if (i < private_.size()) {
+          private_[i] = static_cast<char>(v);
+        } else {
+          shared_[i - private_.size()] = static_cast<char>(v);
+        }
+      }
+    }
+  }
+
+  // Empty when packet and model agree.
+  std::string divergence() const {
+    std::string const expected = private_ + shared_;
+    if (pkt_->stringValue().str() != expected) return "contents " + hex(pkt_->stringValue().str()) + " vs " + hex(expected);
+    if (pkt_->bytes() != expected.size()) return "bytes";
+    if (pkt_->maxSharedData() != size_) return "size " + std::to_string(pkt_->maxSharedData()) + " vs " + std::to_string(size_);
+    if (pkt_->sharedBuffer()->headroom() != head_) return "headroom";
+    for (U32 i = 0; i < expected.size(); i += 7) {
+      if (pkt_->rawByte(i) != static_cast<U8>(expected[i])) return "rawByte " + std::to_string(i);
+    }
+    return "";
+  }
+  std::string const& history() const { return history_; }
+
+ private:
+  static std::string randomBytes(std::mt19937& rng, U32 n) {
+    std::string s(n, '\0');
+    for (auto& c : s) c = static_cast<char>(rng());
+    return s;
+  }
+  void log(char const* op, U32 n) { history_ += std::string(op) + "(" + std::to_string(n) + ") "; }
+
+  Brio::Ptr<Pkt> pkt_;
+  std::string shared_;
+  std::string private_;
+  bool privateReleased_ = false;
+  U32 size_;
+  U32 head_;
+  std::string history_;
+};
+
+TEST(PktModel, RandomOperationSequencesMatchAPlainByteVector) {
+  for (U32 seed = 1; seed <= 200; ++seed) {
+    std::mt19937 rng(seed);
+    PktModel model(seed % 3 == 0 ? 0 : seed % 97);
+    for (int i = 0; i < 300; ++i) {
+      model.step(rng);
+      std::string const d = model.divergence();
+      ASSERT_EQ(d, "") << "seed " << seed << " after: " << model.history();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace Corvid

@@ -1,0 +1,503 @@
+#include <Corvid/PktUtils.h>
+
+#include <Glimmer/Glimmer.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace Corvid {
+namespace {
+
+testing::Matcher<std::string const&> assertion(std::string const& text) {
+  return testing::HasSubstr("Assertion failed: " + text + "\n");
+}
+
+// Hex digits in pairs; spaces between them are ignored.
+std::string fromHex(std::string hex) {
+  std::erase(hex, ' ');
+  std::string out;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  return out;
+}
+
+// A packet whose data fills its buffer exactly: the bytes end where the
+// allocation ends, so a read past the packet is a read past the heap block.
+Brio::Ptr<Pkt> exactPkt(std::string const& bytes) {
+  Brio::Ptr<Pkt> pkt = Brio::makePtr<Pkt>();
+  pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(static_cast<U32>(bytes.size())));
+  pkt->stringValueIs(Brio::String(bytes));
+  return pkt;
+}
+
+std::string const ethIp4 = fromHex("00112233445566778899aabb0800");
+std::string const ethIp6 = fromHex("333300000001020000000001" "86dd");
+// RFC 1071's favourite: 20 bytes, total length 0x73, checksum b861.
+std::string const ip4Header = fromHex("450000730000400040 11b861c0a80001c0a800c7");
+
+std::string ip4Frame() { return ethIp4 + ip4Header + std::string(0x73 - 20, 'p'); }
+
+TEST(HdrWrapper, FieldsReadAndWriteThroughThePacketBytes) {
+  Brio::Ptr<Pkt> pkt = exactPkt(ip4Frame());
+  auto eth = ethHdrWrapperFactory(pkt, 0);
+  auto ip = ipHdrWrapperFactory(pkt, 14);
+  EXPECT_EQ(eth->dst(), EthAddr(0x00, 0x11, 0x22, 0x33, 0x44, 0x55));
+  EXPECT_EQ(eth->ethType(), ethTypeIp);
+  EXPECT_EQ(ip->version(), 4);
+  EXPECT_EQ(ip->headerLength(), 5);
+  EXPECT_EQ(ip->totalLength(), 0x73);
+  EXPECT_TRUE(ip->dontFragment());
+  EXPECT_EQ(ip->protocol(), ipProtoUdp);
+  EXPECT_EQ(ip->checksum(), 0xb861);
+  EXPECT_EQ(ip->src(), IpAddr(192, 168, 0, 1));
+  EXPECT_EQ(ip->dst(), IpAddr(192, 168, 0, 199));
+
+  ip->ttlIs(1);
+  ip->dscpIs(46);
+  ip->fragmentOffsetIs(0x1fff);
+  ip->moreFragmentsIs(true);
+  ip->dstIs(IpAddr(10, 0, 0, 1));
+  eth->srcIs(EthAddr(0xde, 0xad, 0xbe, 0xef, 0x00, 0x01));
+  std::string const bytes = pkt->stringValue().str();
+  EXPECT_EQ(bytes.substr(6, 6), fromHex("deadbeef0001"));
+  EXPECT_EQ(bytes.substr(14, 10), fromHex("45b8 0073 0000 7fff 01 11"));
+  EXPECT_EQ(bytes.substr(30, 4), fromHex("0a000001"));
+  EXPECT_EQ(ip->ecn(), 0);
+  EXPECT_TRUE(ip->dontFragment());  // neighbouring bits untouched
+}
+
+TEST(HdrWrapper, BitFieldSettersLeaveNeighbouringBitsAlone) {
+  Brio::Ptr<Pkt> pkt = exactPkt(std::string(40, '\xff'));
+  auto ip6 = ip6HdrWrapperFactory(pkt, 0);
+  ip6->trafficClassIs(0x12);
+  EXPECT_EQ(ip6->version(), 15);
+  EXPECT_EQ(ip6->flowLabel(), 0xfffffu);
+  ip6->versionIs(6);
+  ip6->flowLabelIs(0xabcde);
+  EXPECT_EQ(pkt->stringValue().str().substr(0, 4), fromHex("612abcde"));
+
+  auto mpls = mplsHdrWrapperFactory(pkt, 0);
+  mpls->labelIs(16);
+  mpls->trafficClassIs(5);
+  mpls->bottomOfStackIs(false);
+  mpls->ttlIs(64);
+  EXPECT_EQ(pkt->stringValue().str().substr(0, 4), fromHex("00010a40"));
+  EXPECT_EQ(mpls->label(), 16u);
+  EXPECT_EQ(mpls->trafficClass(), 5);
+
+  auto tcp = tcpHdrWrapperFactory(pkt, 0);
+  tcp->dataOffsetIs(5);
+  tcp->flagsIs(0x012);  // SYN ACK
+  EXPECT_EQ(pkt->stringValue().str().substr(12, 2), fromHex("5e12"));  // reserved bits kept
+  auto vxlan = vxlanHdrWrapperFactory(pkt, 0);
+  vxlan->flagsIs(0);
+  vxlan->vniValidIs(true);
+  vxlan->vniIs(0x123456);
+  EXPECT_EQ(pkt->stringValue().str().substr(0, 8), fromHex("08010a40 123456ff"));
+}
+
+TEST(HdrWrapper, EthTypeReadsOnlyTheEtherTypesTheSystemKnows) {
+  struct Case {
+    U16 wire;
+    EthType expected;
+  } const cases[] = {{0x0800, ethTypeIp},  {0x0806, ethTypeArp},  {0x8100, ethTypeVlan},
+                     {0x86DD, ethTypeIp6}, {0x8847, ethTypeMpls}, {0x88A8, ethTypeQinQ},
+                     {0x88F7, ethTypePtp}, {0x8902, ethTypeCfm},  {0x9100, ethTypeQinQ9100},
+                     {0x88CC, ethTypeNone}, {0x8848, ethTypeNone}, {0x0000, ethTypeNone}};
+  for (auto const& c : cases) {
+    std::string frame = ethIp4;
+    frame[12] = static_cast<char>(c.wire >> 8);
+    frame[13] = static_cast<char>(c.wire);
+    EXPECT_EQ(ethHdrWrapperFactory(exactPkt(frame), 0)->ethType(), c.expected) << std::hex << c.wire;
+  }
+}
+
+TEST(HdrWrapper, IpHdrOffsetSkipsTheTagsTheFrontPieceHolds) {
+  struct Case {
+    std::string frame;
+    U32 expected;
+  } const cases[] = {
+      {ethIp4 + ip4Header, 14},
+      {fromHex("00112233445566778899aabb" "81000064" "0800") + ip4Header, 18},
+      {fromHex("00112233445566778899aabb" "88a80064" "81000065" "86dd") + std::string(40, 0), 22},
+      {fromHex("00112233445566778899aabb" "8100"), 14},        // tag announced, not present
+      {fromHex("00112233445566778899aabb" "810000"), 14},      // tag cut short
+  };
+  for (auto const& c : cases) {
+    EXPECT_EQ(ethHdrWrapperFactory(exactPkt(c.frame), 0)->ipHdrOffset(), c.expected);
+  }
+}
+
+TEST(HdrWrapper, BindingBeyondTheFrontPieceIsAnAssertionNamingTheHeader) {
+  Brio::Ptr<Pkt> pkt = exactPkt(ip4Frame());
+  EXPECT_DEATH(ipHdrWrapperFactory(pkt, pkt->frontBytes() - 19), assertion("( offset_ + sizeof( IpHdr ) ) <= pkt_->frontBytes()"));
+  EXPECT_DEATH(ethHdrWrapperFactory(exactPkt(std::string(13, 'e')), 0),
+               assertion("( offset_ + sizeof( EthHdr ) ) <= pkt_->frontBytes()"));
+  EXPECT_DEATH(icmp6NeighborSolicitationHdrWrapperFactory(pkt, 0xffffffffu),
+               assertion("( offset_ + sizeof( Icmp6NeighborSolicitationHdr ) ) <= pkt_->frontBytes()"));
+  // Headers live in the front piece only: the shared data behind private bytes is out of reach.
+  pkt->newPrivateHeadData(4);
+  EXPECT_DEATH(udpHdrWrapperFactory(pkt, 0), assertion("( offset_ + sizeof( UdpHdr ) ) <= pkt_->frontBytes()"));
+  ip6HdrPad1WrapperFactory(pkt, 3);  // the last private byte still binds
+
+  auto ip = ipHdrWrapperFactory(exactPkt(ip4Frame()), 14);
+  ip->headerIs(nullptr);
+  EXPECT_EQ(ip->totalLength(), 0);
+  EXPECT_EQ(ip->src(), IpAddr());
+  EXPECT_DEATH(ip->ttlIs(1), assertion("header_"));
+}
+
+TEST(HdrWrapper, VariableLengthOptionsStopAtTheirLengthAndThePacketEnd) {
+  // Route information with an 8-byte prefix, then RDNSS announcing two
+  // addresses of which the packet holds one, then DNSSL with two names.
+  std::string const route = fromHex("1802" "30" "18" "00000e10" "20010db800000000");
+  std::string const rdnss = fromHex("1905" "0000" "00000258") + fromHex("20010db8000000000000000000000053");
+  std::string const dnssl = fromHex("1f04" "0000" "00000258") + "\x07" "example" "\x03" "com" + '\0' + "\x03" "lab" +
+                            std::string(7, '\0');
+  std::string const boot = fromHex("fd04" "0000" "0000003c") + "tftp://boot/x" + std::string(11, '\0');
+
+  Brio::Ptr<Pkt> pkt = exactPkt(route + dnssl + boot + rdnss);
+  auto ri = icmp6HdrRouteInformationOptionWrapperFactory(pkt, 0);
+  EXPECT_EQ(ri->prefixLength(), 48);
+  EXPECT_EQ(ri->routePreference(), 3);
+  EXPECT_EQ(ri->routeLifetime(), 3600u);
+  EXPECT_EQ(ri->prefix(), Ip6Addr(0x2001, 0xdb8, 0, 0, 0, 0, 0, 0));
+
+  auto ds = icmp6HdrDnsSuffixInfoOptionWrapperFactory(pkt, 16);
+  EXPECT_EQ(ds->lifetime(), 600u);
+  EXPECT_THAT(ds->domainNames(), testing::ElementsAre("example.com", "lab"));
+
+  auto nb = icmp6HdrNetworkBootOptionWrapperFactory(pkt, 48);
+  EXPECT_EQ(nb->bootUrl(), "tftp://boot/x");
+
+  auto rd = icmp6HdrDnsServerInfoOptionWrapperFactory(pkt, 80);
+  EXPECT_EQ(rd->addresses(), 2u);
+  EXPECT_EQ(rd->address(0), Ip6Addr(0x2001, 0xdb8, 0, 0, 0, 0, 0, 0x53));
+  EXPECT_EQ(rd->address(1), Ip6Addr());  // announced, but past the packet's end
+  EXPECT_EQ(rd->address(2), Ip6Addr());
+
+  // A label running past the option ends the list; so does a label over 63 bytes.
+  std::string const badLabel = fromHex("1f02" "0000" "00000258") + std::string("\x03" "abc" "\x00" "\x09" "xy", 8);
+  EXPECT_THAT(icmp6HdrDnsSuffixInfoOptionWrapperFactory(exactPkt(badLabel), 0)->domainNames(),
+              testing::ElementsAre("abc"));
+  std::string const longLabel = fromHex("1f02" "0000" "00000258") + std::string("\x40" "abcdefg", 8);
+  EXPECT_TRUE(icmp6HdrDnsSuffixInfoOptionWrapperFactory(exactPkt(longLabel), 0)->domainNames().empty());
+  // A zero-length route information option carries no prefix bytes.
+  EXPECT_EQ(icmp6HdrRouteInformationOptionWrapperFactory(exactPkt(fromHex("1800" "00000000000000000000")), 0)->prefix(),
+            Ip6Addr());
+}
+
+TEST(HdrWrapper, GreOptionalFieldsFollowTheirFlags) {
+  Brio::Ptr<Pkt> pkt = exactPkt(fromHex("b000" "0800" "abcd0000" "00000007" "00000009"));
+  auto gre = greHdrWrapperFactory(pkt, 0);
+  EXPECT_TRUE(gre->checksumPresent());
+  EXPECT_TRUE(gre->keyPresent());
+  EXPECT_TRUE(gre->sequencePresent());
+  EXPECT_EQ(gre->headerBytes(), 16u);
+  EXPECT_EQ(gre->checksum(), 0xabcd);
+  EXPECT_EQ(gre->key(), 7u);
+  EXPECT_EQ(gre->sequence(), 9u);
+  gre->checksumIs(0);
+  gre->checksumIs(gre->computedChecksum(16));
+  EXPECT_EQ(ipChecksumCalc(pkt->stringValue().data(), 16, 0).value(), 0);  // a valid sum verifies to 0
+
+  auto cut = greHdrWrapperFactory(exactPkt(fromHex("3000" "0800" "0000")), 0);  // key announced, cut short
+  EXPECT_EQ(cut->key(), 0u);
+  EXPECT_EQ(cut->checksum(), 0);
+}
+
+// --- sanity checks ---------------------------------------------------------------
+
+struct CheckResult {
+  PktErrors code;
+  std::string trace;
+};
+
+template <class F>
+CheckResult traced(F&& check) {
+  Glimmer::enable("Corvid", pktErrorTraceLevel);
+  Glimmer::sinkFileIs("/dev/null");
+  Glimmer::Capture capture;
+  PktErrors code = check();
+  Glimmer::enable("Corvid", -1);
+  Glimmer::sinkFileIs("");
+  return {code, capture.text()};
+}
+
+// One of the frame checks on a packet holding exactly `frame`.
+template <class IpHeader>
+CheckResult checkFrame(PktErrors (*check)(Brio::Ptr<Pkt> const&, EthHdr*&, IpHeader*&), std::string const& frame) {
+  Brio::Ptr<Pkt> pkt = exactPkt(frame);
+  EthHdr* eth = nullptr;
+  IpHeader* ip = nullptr;
+  return traced([&] { return check(pkt, eth, ip); });
+}
+
+CheckResult checkIp4(std::string const& frame) { return checkFrame(checkEthIpHdr, frame); }
+
+// A frame, the code a check gives it and a part of the trace that says why.
+struct FrameCase {
+  char const* name;
+  std::string frame;
+  PktErrors code;
+  char const* trace;
+};
+CheckResult checkIp6(std::string const& frame) { return checkFrame(checkEthIp6Hdr, frame); }
+
+// Every prefix of the frame shorter than `needed` bytes.
+void expectTooShortBelow(std::size_t needed, std::string const& frame, CheckResult (*check)(std::string const&)) {
+  for (std::size_t n = 0; n < needed; ++n) {
+    CheckResult r = check(frame.substr(0, n));
+    EXPECT_EQ(r.code, pktTooShort) << n;
+    EXPECT_THAT(r.trace, testing::HasSubstr("Packet has " + std::to_string(n) + " bytes which is less than needed"));
+  }
+}
+
+TEST(CheckEthIpHdr, EveryTruncationOfTheHeadersIsTooShort) {
+  expectTooShortBelow(34, ip4Frame(), checkIp4);
+  Brio::Ptr<Pkt> none = Brio::makePtr<Pkt>();  // no data at all
+  EthHdr* eth = nullptr;
+  IpHdr* ip = nullptr;
+  EXPECT_EQ(checkEthIpHdr(none, eth, ip), pktTooShort);
+}
+
+std::string withIp4(std::string header, std::size_t payload) {
+  IpHdr* ip = reinterpret_cast<IpHdr*>(header.data());
+  ip->checksum = IpChecksum(0);
+  ip->checksum = ip->computedChecksum();
+  return ethIp4 + header + std::string(payload, 'p');
+}
+
+TEST(CheckEthIpHdr, CodesAndTracesFollowTheFirstFailedCheck) {
+  std::string ip6Type = ip4Frame();
+  ip6Type[13] = '\xdd';
+  ip6Type[12] = '\x86';
+  std::string version6 = ip4Frame();
+  version6[14] = '\x65';
+  std::string badSum = ip4Frame();
+  badSum[24] = '\x00';
+  std::string const ihl15 = fromHex("4f00 0014 0000 4000 4011 0000 c0a80001 c0a800c7");
+  FrameCase const cases[] = {
+      {"good", ip4Frame(), noError, ""},
+      {"zero payload, 34 bytes", withIp4(fromHex("4500 0014 0000 4000 4011 0000 c0a80001 c0a800c7"), 0), noError, ""},
+      {"EtherType", ip6Type, nonIpEthType, "Type: 0x86dd"},
+      {"version", version6, nonIpHdr, "Ip hdr is not IPv4"},
+      {"total length past the frame", ip4Frame().substr(0, 14 + 0x72), badIpPayloadLen,
+       "IPv4 payload length is larger than the actual packet size 115 vs. 114"},
+      {"header longer than total length", ethIp4 + ihl15 + std::string(60, 'p'), badIpPayloadLen,
+       "IPv4 payload length is larger than the actual packet size"},
+      {"checksum", badSum, badIpHdrChecksum, "IPv4 header checksum is invalid"},
+  };
+  for (auto const& c : cases) {
+    CheckResult r = checkIp4(c.frame);
+    EXPECT_EQ(r.code, c.code) << c.name;
+    EXPECT_THAT(r.trace, testing::HasSubstr(c.trace)) << c.name;
+    if (c.code == noError) {
+      EXPECT_EQ(r.trace, "") << c.name;
+    }
+  }
+}
+
+TEST(CheckEthIpHdr, ChecksumIsRestoredOnAMatchAndLeftZeroOnAMismatch) {
+  Brio::Ptr<Pkt> good = exactPkt(ip4Frame());
+  EthHdr* eth = nullptr;
+  IpHdr* ip = nullptr;
+  ASSERT_EQ(checkEthIpHdr(good, eth, ip), noError);
+  EXPECT_EQ(reinterpret_cast<U8*>(eth), good->frontData());
+  EXPECT_EQ(reinterpret_cast<U8*>(ip), good->frontData() + 14);
+  EXPECT_EQ(ip->checksum.value(), 0xb861);
+
+  std::string frame = ip4Frame();
+  frame[25] = '\x60';
+  Brio::Ptr<Pkt> bad = exactPkt(frame);
+  ASSERT_EQ(checkEthIpHdr(bad, eth, ip), badIpHdrChecksum);
+  EXPECT_EQ(ip->checksum.value(), 0);
+}
+
+// An NS for 2001:db8::1 with a source link-layer address option.
+std::string ip6Frame(std::string const& icmp6, U16 payloadLength) {
+  std::string ip6 = fromHex("6000000000003aff" "fe800000000000000000000000000001" "ff0200000000000000000001ff000001");
+  ip6[4] = static_cast<char>(payloadLength >> 8);
+  ip6[5] = static_cast<char>(payloadLength);
+  return ethIp6 + ip6 + icmp6;
+}
+
+std::string const nsMessage = fromHex("87000000" "00000000" "20010db8000000000000000000000001" "0101020000000001");
+
+std::string signedIp6Frame(std::string const& icmp6) {
+  std::string frame = ip6Frame(icmp6, static_cast<U16>(icmp6.size()));
+  auto* ip6 = reinterpret_cast<Ip6Hdr*>(frame.data() + 14);
+  setIcmp6CheckSum(ip6, reinterpret_cast<Icmp6Hdr*>(frame.data() + 54));
+  return frame;
+}
+
+TEST(CheckEthIp6Hdr, CodesAndTracesFollowTheFirstFailedCheck) {
+  std::string const frame = signedIp6Frame(nsMessage);
+  expectTooShortBelow(54, frame, checkIp6);
+  std::string ip4Type = frame;
+  ip4Type[12] = '\x08';
+  ip4Type[13] = '\x00';
+  std::string version4 = frame;
+  version4[14] = '\x40';
+  FrameCase const cases[] = {
+      {"good", frame, noError, ""},
+      {"no payload", ip6Frame("", 0), noError, ""},
+      {"EtherType", ip4Type, nonIpEthType, "Type: 0x800"},
+      {"version", version4, nonIp6Hdr, "Ip hdr is not IPv6"},
+      {"payload past the frame", frame.substr(0, frame.size() - 1), badIp6PayloadLen,
+       "IPv6 payload length is larger than the actual packet size. 32 vs. 31"},
+  };
+  for (auto const& c : cases) {
+    CheckResult r = checkIp6(c.frame);
+    EXPECT_EQ(r.code, c.code) << c.name;
+    EXPECT_THAT(r.trace, testing::HasSubstr(c.trace)) << c.name;
+  }
+}
+
+TEST(CheckIcmp6CheckSum, VerifiesUnderThePseudoHeaderAndLeavesTheFieldZero) {
+  std::string frame = signedIp6Frame(nsMessage);
+  auto* ip6 = reinterpret_cast<Ip6Hdr*>(frame.data() + 14);
+  Icmp6Hdr* icmp6 = nullptr;
+  U16 const signedValue = reinterpret_cast<Icmp6Hdr*>(frame.data() + 54)->checksum.value();
+  EXPECT_NE(signedValue, 0);
+  CheckResult r = traced([&] { return checkIcmp6CheckSum(ip6, icmp6); });
+  EXPECT_EQ(r.code, noError);
+  EXPECT_EQ(reinterpret_cast<char*>(icmp6), frame.data() + 54);
+  EXPECT_EQ(icmp6->checksum.value(), 0);
+  EXPECT_EQ(setIcmp6CheckSum(ip6, icmp6), noError);
+  EXPECT_EQ(icmp6->checksum.value(), signedValue);
+
+  frame[60] ^= 1;  // reserved bits: the sum no longer matches
+  r = traced([&] { return checkIcmp6CheckSum(ip6, icmp6); });
+  EXPECT_EQ(r.code, badIcmp6Checksum);
+  EXPECT_THAT(r.trace, testing::HasSubstr("Icmp6 checksum is invalid"));
+  EXPECT_EQ(icmp6->checksum.value(), 0);
+
+  ip6->payloadLength.valueIs(3);
+  r = traced([&] { return checkIcmp6CheckSum(ip6, icmp6); });
+  EXPECT_EQ(r.code, badIp6PayloadLen);
+  EXPECT_THAT(r.trace, testing::HasSubstr("IP6 payload is too small to contain Icmp6"));
+  ip6->nextHeader = ipProtoUdp;
+  r = traced([&] { return checkIcmp6CheckSum(ip6, icmp6); });
+  EXPECT_EQ(r.code, nextHdrIsNotIcmp6);
+  EXPECT_THAT(r.trace, testing::HasSubstr("Next header is not Icmp6"));
+  EXPECT_EQ(setIcmp6CheckSum(ip6, icmp6), nextHdrIsNotIcmp6);
+}
+
+TEST(CheckIcmp6CheckSum, WrapperChecksumAgreesWithTheCheck) {
+  for (std::size_t extra : {0, 1, 7, 8, 333}) {
+    std::string const frame = signedIp6Frame(nsMessage + std::string(extra, '\x5a'));
+    Brio::Ptr<Pkt> pkt = exactPkt(frame);
+    auto ip6 = ip6HdrWrapperFactory(pkt, 14);
+    auto icmp6 = icmp6HdrWrapperFactory(pkt, 54);
+    icmp6->srcAddrIs(ip6->src());
+    icmp6->dstAddrIs(ip6->dst());
+    icmp6->upperLayerLenIs(ip6->payloadLength());
+    U16 const onWire = icmp6->checksum();
+    icmp6->checksumIs(0);
+    EXPECT_EQ(icmp6->computedChecksum(), onWire) << extra;
+    icmp6->upperLayerLenIs(ip6->payloadLength() + 100u);  // claims bytes the packet lacks: no overread
+    EXPECT_NE(icmp6->computedChecksum(), onWire) << extra;
+  }
+}
+
+// getIcmp6Opt over an NS whose option area is `options`, looking for type 1.
+struct OptResult {
+  PktErrors code;
+  int foundAt;  // option offset in the area, -1 when untouched
+};
+
+// Options start 8 bytes into a router solicitation, 24 into the others.
+OptResult optionWalk(std::string const& options, U8 icmp6Type = icmp6NeighborSolicitation) {
+  std::size_t const start = icmp6Type == icmp6RouterSolicitation ? 8 : 24;
+  std::string message = nsMessage.substr(0, start) + options;
+  message[0] = static_cast<char>(icmp6Type);
+  std::string frame = ip6Frame(message, static_cast<U16>(message.size()));
+  auto* ip6 = reinterpret_cast<Ip6Hdr*>(frame.data() + 14);
+  auto* icmp6 = reinterpret_cast<Icmp6Hdr*>(frame.data() + 54);
+  Icmp6OptionCommonHdr* opt = nullptr;
+  PktErrors code = getIcmp6Opt(ip6, icmp6, opt, icmp6OptSrcLinkLayerAddr);
+  int const at = opt ? static_cast<int>(reinterpret_cast<char*>(opt) - frame.data() - 54 - start) : -1;
+  return {code, at};
+}
+
+std::string option(U8 type, U8 length) {
+  std::string o(std::max<std::size_t>(length * 8u, 2), '\0');
+  o[0] = static_cast<char>(type);
+  o[1] = static_cast<char>(length);
+  return o;
+}
+
+TEST(GetIcmp6Opt, WalksOptionsWithTheCodesForEveryLengthShape) {
+  struct Case {
+    char const* name;
+    std::string options;
+    PktErrors code;
+    int foundAt;
+  } const cases[] = {
+      {"no options", "", noError, -1},
+      {"one stray byte", "\x01", noError, -1},
+      {"found", option(1, 1), noError, 0},
+      {"last match wins", option(1, 1) + option(3, 4) + option(1, 2), noError, 40},
+      {"other types only", option(2, 1) + option(5, 1), noError, -1},
+      {"zero length", option(2, 1) + option(1, 0) + std::string(6, '\0'), icmp6OptLenZero, -1},
+      {"longer than the payload", option(1, 1) + option(3, 4).substr(0, 16), icmp6OptLenExceedPayloadLen, 0},
+      {"two bytes left: looked at once more", option(1, 1) + std::string(2, '\x01'), icmp6OptLenExceedPayloadLen, 0},
+      {"one byte left", option(1, 1) + std::string(1, '\x01'), noError, 0},
+      {"three bytes left", option(1, 1) + std::string("\x01\x01\x01", 3), icmp6OptLenExceedPayloadLen, 0},
+  };
+  for (auto const& c : cases) {
+    OptResult r = optionWalk(c.options);
+    EXPECT_EQ(r.code, c.code) << c.name;
+    EXPECT_EQ(r.foundAt, c.foundAt) << c.name;
+  }
+  std::string const trace = traced([] {
+                              optionWalk(option(1, 0));
+                              return optionWalk(option(1, 2).substr(0, 8)).code;
+                            }).trace;
+  EXPECT_THAT(trace, testing::HasSubstr("Option length cannot be zero."));
+  EXPECT_THAT(trace, testing::HasSubstr("Option length exceeds pkt length."));
+}
+
+TEST(GetIcmp6Opt, EveryLengthByteOfASingleOptionGivesItsCode) {
+  for (int length = 0; length < 256; ++length) {
+    std::string options = option(1, 1) + option(2, 1);  // 16 bytes of area
+    options[1] = static_cast<char>(length);
+    OptResult r = optionWalk(options);
+    PktErrors const expected = length == 0 ? icmp6OptLenZero : length > 2 ? icmp6OptLenExceedPayloadLen : noError;
+    EXPECT_EQ(r.code, expected) << length;
+    EXPECT_EQ(r.foundAt, length == 1 || length == 2 ? 0 : -1) << length;
+  }
+}
+
+TEST(GetIcmp6Opt, OnlySolicitationsAndAdvertisementsOfNeighboursAndRoutersSolicitationsHaveOptions) {
+  for (int type = 0; type < 256; ++type) {
+    OptResult r = optionWalk(option(1, 1), static_cast<U8>(type));
+    bool const supported = type == 133 || type == 135 || type == 136;
+    EXPECT_EQ(r.code, supported ? noError : icmp6TypeNotSupported) << type;
+    EXPECT_EQ(r.foundAt, supported ? 0 : -1) << type;
+  }
+}
+
+TEST(PseudoHdr, LaysOutTheSummedBytesAndPrintsAsARecord) {
+  Ip6Addr const src(0xfe80, 0, 0, 0, 0, 0, 0, 1);
+  Ip6Addr const dst(0xff02, 0, 0, 0, 0, 1, 0xff00, 1);
+  Icmp6PseudoHdr const pseudo(src, dst, 32);
+  std::string const bytes(reinterpret_cast<char const*>(&pseudo), sizeof(pseudo));
+  EXPECT_EQ(bytes, fromHex("fe800000000000000000000000000001" "ff0200000000000000000001ff000001" "00000020" "0000" "00" "3a"));
+  EXPECT_EQ(valueToStrep(pseudo),
+            "Value('Corvid::Icmp6PseudoHdr', ** {'src': fe80::1, 'dst': ff02::1:ff00:1, 'icmp6Len': 32, "
+            "'zeros16': 0, 'zeros8': 0, 'nextHeader': 58})");
+  EXPECT_EQ(Brio::strepToValue(valueToStrep(pseudo), static_cast<Icmp6PseudoHdr*>(nullptr)), pseudo);
+  EXPECT_LT(Icmp6PseudoHdr(src, dst, 31), pseudo);
+  EXPECT_LT(pseudo, Icmp6PseudoHdr(dst, src, 0));
+  EXPECT_NE(std::hash<Icmp6PseudoHdr>()(pseudo), std::hash<Icmp6PseudoHdr>()(Icmp6PseudoHdr(src, dst, 31)));
+
+  TcpPseudoHdr const tcp(IpAddr(10, 0, 0, 1), IpAddr(10, 0, 0, 2), 0, ipProtoTcp, 20);
+  EXPECT_EQ(std::string(reinterpret_cast<char const*>(&tcp), sizeof(tcp)), fromHex("0a0000010a0000020006" "0014"));
+  EXPECT_EQ(Brio::strepToValue(valueToStrep(tcp), static_cast<TcpPseudoHdr*>(nullptr)), tcp);
+}
+
+}  // namespace
+}  // namespace Corvid
