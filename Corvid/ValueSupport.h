@@ -178,12 +178,6 @@ T sequenceToValue(Brio::StringIter& pos, Brio::StringIter const& end, T*) {
   return T(static_cast<typename T::ValueType>(v));
 }
 
-template <class T>
-  requires T::isBoundedInteger
-std::ostream& operator<<(std::ostream& os, T const& v) {
-  return os << valueToStrep(v).view();
-}
-
 // The attribute-log form is the plain number at the representation's width;
 // a value read back from outside is range checked like any other.
 template <class T>
@@ -243,12 +237,6 @@ T sequenceToValue(Brio::StringIter& pos, Brio::StringIter const& end, T*) {
 
 template <class T>
   requires T::isBoundedString
-std::ostream& operator<<(std::ostream& os, T const& v) {
-  return os << valueToStrep(v).view();
-}
-
-template <class T>
-  requires T::isBoundedString
 void attrLogWrite(Brio::NboAttrLog& log, T const& v) {
   log.writeString(v.value());
 }
@@ -257,6 +245,13 @@ template <class T>
   requires T::isBoundedString
 T attrLogRead(Brio::NboAttrLog& log, T*) {
   return T(log.readString());
+}
+
+// Both families stream as their strep.
+template <class T>
+  requires T::isBoundedInteger || T::isBoundedString
+std::ostream& operator<<(std::ostream& os, T const& v) {
+  return os << valueToStrep(v).view();
 }
 
 // std::hash for a value type with hash(): CORVID_STD_HASH(Corvid::EthAddr)

@@ -4,38 +4,24 @@
 // inet_ntop; the summary at the end prints Corvid's time as a fraction of
 // the C library's, against the goals (printers 0.3, IPv4 parsing 0.5, IPv6
 // parsing 1.0), and the heap allocations per operation counted by the
-// global operator new below (the goal there is zero).
+// global operator new of AllocationCounter.h (the goal there is zero).
 #include <Corvid/Ip.h>
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <map>
-#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace {
-U64 allocations = 0;
-}
-
-// The replacement pair is malloc/free underneath, which GCC cannot see.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-
-void* operator new(std::size_t n) {
-  ++allocations;
-  if (void* p = std::malloc(n ? n : 1)) return p;
-  throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+#include "AllocationCounter.h"
 
 namespace {
 
 using namespace Corvid;
+using CorvidBench::allocations;
 
 std::vector<std::string> const ipv4Texts = {
     "10.0.0.1", "192.168.100.200", "8.8.8.8", "172.16.254.1", "255.255.255.0", "127.0.0.1", "100.64.12.34",

@@ -6,7 +6,7 @@
 // behind a forced Ethernet and IPv6 (or IPv4) header whose length field the
 // input still controls, so that most inputs reach the ICMPv6 option walk.
 // The frame's bytes end exactly where its heap block ends: a read past the
-// packet is a heap overflow under AddressSanitizer. Seeds: fuzz/corpus/pkt.
+// packet is a heap overflow under AddressSanitizer. Seeds: fuzz/corpus/PktFuzz.
 #include <Corvid/PktUtils.h>
 
 #include <cstddef>

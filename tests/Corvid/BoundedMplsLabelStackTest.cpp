@@ -5,34 +5,33 @@
 #include <Brio/TextForm.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <bit>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "support/ValueCases.h"
+
 using namespace Corvid;
+using namespace CorvidTest;
 using Error = BoundedMplsLabelStackError;
 
 namespace {
 
 constexpr U32 EL = MplsLabel::entropyLabel;
 
-template <class Fn>
-std::string rangeMessage(Fn fn) {
-  try {
-    fn();
-  } catch (Brio::RangeException const& e) {
-    return e.what();
-  }
-  return "(no exception)";
-}
-
 template <class S>
 S stackOf(std::initializer_list<U32> labels) {
   S s;
   for (U32 l : labels) EXPECT_TRUE(s.append(MplsLabel(l)).success()) << l;
+  return s;
+}
+
+// A stack built by appending `labels`, whatever each append answers.
+BoundedMplsLabelStack appended(std::vector<U32> const& labels) {
+  BoundedMplsLabelStack s;
+  for (U32 l : labels) s.append(MplsLabel(l));
   return s;
 }
 
@@ -46,14 +45,14 @@ std::vector<U32> calculated(S const& s) {
 TEST(MplsLabel, RangeDefaultAndPrettyNames) {
   EXPECT_EQ(MplsLabel().value(), MplsLabel::noLabel);
   EXPECT_EQ(MplsLabel(8388608).value(), MplsLabel::luWithdraw);
-  EXPECT_EQ(rangeMessage([] { MplsLabel(8388609); }),
+  EXPECT_EQ(errorOf([] { MplsLabel(8388609); }),
             "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed");
-  EXPECT_EQ(rangeMessage([] { Brio::strepToValue<MplsLabel>("8388609"); }),
+  EXPECT_EQ(errorOf([] { Brio::strepToValue<MplsLabel>("8388609"); }),
             "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed");
-  EXPECT_EQ(rangeMessage([] { Brio::strepToValue<MplsLabel>("99999999999999999999999"); }),
+  EXPECT_EQ(errorOf([] { Brio::strepToValue<MplsLabel>("99999999999999999999999"); }),
             "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed");
-  EXPECT_EQ(rangeMessage([] { Brio::strepToValue<MplsLabel>("x"); }), "Invalid MplsLabel");
-  EXPECT_EQ(rangeMessage([] { MplsStackEntryIndex(8); }),
+  EXPECT_EQ(errorOf([] { Brio::strepToValue<MplsLabel>("x"); }), "Invalid MplsLabel");
+  EXPECT_EQ(errorOf([] { MplsStackEntryIndex(8); }),
             "MplsStackEntryIndex::value < MplsStackEntryIndex::min or > MplsStackEntryIndex::nullValue not allowed");
   struct {
     U32 value;
@@ -66,7 +65,7 @@ TEST(MplsLabel, RangeDefaultAndPrettyNames) {
   EXPECT_TRUE(MplsLabel(0).isExplicitNull());
   EXPECT_TRUE(MplsLabel(2).isExplicitNull());
   EXPECT_FALSE(MplsLabel(3).isExplicitNull());
-  EXPECT_EQ(Brio::strepToValue<MplsLabel>(valueToStrep(MplsLabel(123456))), MplsLabel(123456));
+  expectStrepRoundTrip(MplsLabel(123456));
 }
 
 TEST(MplsStack, AppendTwoLabelsPrintsTopFirst) {
@@ -90,8 +89,7 @@ template <class Edit>
 void runEditTable(std::vector<EditCase> const& cases, Edit edit) {
   for (auto const& c : cases) {
     SCOPED_TRACE(c.name);
-    BoundedMplsLabelStack s;
-    for (U32 l : c.start) s.append(MplsLabel(l));
+    BoundedMplsLabelStack s = appended(c.start);
     EXPECT_EQ(edit(s, MplsLabel(c.label)), c.expected);
     EXPECT_EQ(s.stringValue(), c.after);
   }
@@ -124,7 +122,7 @@ TEST(MplsStack, EntropyLabelAppendGivesLabelThenPairBottomUp) {
   EXPECT_EQ(s.calculatedTop(), MplsLabel(7));
   EXPECT_EQ(s.top(), MplsLabel(100));
   EXPECT_EQ(s.cliShowString(), "entropy-indicator(7) (entropy) 100");
-  EXPECT_EQ(rangeMessage([&] { s.calculatedLabel(3); }), "Entropy label bit map position index out of range");
+  EXPECT_EQ(errorOf([&] { s.calculatedLabel(3); }), "Entropy label bit map position index out of range");
 }
 
 TEST(MplsStack, AppendingTheIndicatorThrows) {
@@ -182,8 +180,7 @@ TEST(MplsStack, EntropyPositionRulesTable) {
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.name);
-    BoundedMplsLabelStack s;
-    for (U32 l : c.start) s.append(MplsLabel(l));
+    BoundedMplsLabelStack s = appended(c.start);
     auto const before = s;
     EXPECT_EQ(s.entropyLabelAndIndicatorIs(c.position), c.expected);
     if (c.expected != Error::success) {
@@ -220,14 +217,12 @@ TEST(MplsStack, FailingExtendLeavesTheStackUnchanged) {
 }
 
 TEST(MplsStack, OrderIsSizeThenLabelsFromTheTop) {
-  std::vector<BoundedMplsLabelStack> v{stackOf<BoundedMplsLabelStack>({300, 100}),
-                                       stackOf<BoundedMplsLabelStack>({100, 200}),
-                                       stackOf<BoundedMplsLabelStack>({500}), BoundedMplsLabelStack(),
-                                       stackOf<BoundedMplsLabelStack>({200, 100})};
-  std::sort(v.begin(), v.end());
-  std::vector<std::string> texts;
-  for (auto const& s : v) texts.push_back(s.cliString().str());
-  EXPECT_EQ(texts, (std::vector<std::string>{"", "500", "100 200", "100 300", "200 100"}));
+  std::vector<BoundedMplsLabelStack> const v{stackOf<BoundedMplsLabelStack>({300, 100}),
+                                             stackOf<BoundedMplsLabelStack>({100, 200}),
+                                             stackOf<BoundedMplsLabelStack>({500}), BoundedMplsLabelStack(),
+                                             stackOf<BoundedMplsLabelStack>({200, 100})};
+  EXPECT_EQ(sortedTexts(v, [](BoundedMplsLabelStack const& s) { return s.cliString().str(); }),
+            (std::vector<std::string>{"", "500", "100 200", "100 300", "200 100"}));
   EXPECT_FALSE(BoundedMplsLabelStack());
   EXPECT_TRUE(stackOf<BoundedMplsLabelStack>({EL}));
   // Equal on the wire means equal, whatever the spare slots hold.
@@ -241,23 +236,21 @@ TEST(MplsStack, OrderIsSizeThenLabelsFromTheTop) {
 
 TEST(MplsStack, SlotIndexErrorsUseTheirOwnMessages) {
   BoundedMplsLabelStack s;
-  EXPECT_EQ(rangeMessage([&] { s.label(7); }), "MplsLabelOperation::labelStack: index out of range");
-  EXPECT_EQ(rangeMessage([&] { s.labelIs(7, MplsLabel(1)); }), "BoundedMplsLabelStack::labelIs: index out of range");
-  EXPECT_EQ(rangeMessage([&] { s.stackSizeIs(8); }), "BoundedMplsLabelStack::stackSize > 7 not allowed");
+  EXPECT_EQ(errorOf([&] { s.label(7); }), "MplsLabelOperation::labelStack: index out of range");
+  EXPECT_EQ(errorOf([&] { s.labelIs(7, MplsLabel(1)); }), "BoundedMplsLabelStack::labelIs: index out of range");
+  EXPECT_EQ(errorOf([&] { s.stackSizeIs(8); }), "BoundedMplsLabelStack::stackSize > 7 not allowed");
   auto withPair = stackOf<BoundedMplsLabelStack>({100, 200, EL});
-  EXPECT_EQ(rangeMessage([&] { withPair.stackSizeIs(1); }), "Invalid entropy label bit maps");
+  EXPECT_EQ(errorOf([&] { withPair.stackSizeIs(1); }), "Invalid entropy label bit maps");
   withPair.stackSizeIs(2);
   EXPECT_EQ(withPair.stringValue(), "TOP ( ELI EL 200 100 ) BOTTOM");
 }
 
 TEST(MplsStack, RecordStrepReadsBackAndRefusesInconsistentMaps) {
   auto s = stackOf<BoundedMplsLabelStack>({100, EL, 200});
-  Brio::String strep = valueToStrep(s);
-  EXPECT_EQ(strep,
+  EXPECT_EQ(expectStrepRoundTrip(s),
             "Value('Corvid::BoundedMplsLabelStack', ** {'stackSize': 2, 'label0': 100, 'label1': 200, "
             "'label2': 1048576, 'label3': 1048576, 'label4': 1048576, 'label5': 1048576, 'label6': 1048576, "
             "'entropyLabelBitMap': 2, 'entropyLabelIndicatorBitMap': 4})");
-  EXPECT_EQ(valueToStrep(Brio::strepToValue<BoundedMplsLabelStack>(strep)), strep);
   struct {
     U8 size;
     U32 el, eli;
@@ -272,7 +265,7 @@ TEST(MplsStack, RecordStrepReadsBackAndRefusesInconsistentMaps) {
   };
   MplsLabel const l(100);
   for (auto const& c : bad) {
-    EXPECT_EQ(rangeMessage([&] { BoundedMplsLabelStack(c.size, l, l, l, l, l, l, l, c.el, c.eli); }), c.message);
+    EXPECT_EQ(errorOf([&] { BoundedMplsLabelStack(c.size, l, l, l, l, l, l, l, c.el, c.eli); }), c.message);
   }
 }
 
@@ -290,8 +283,8 @@ TEST(MplsStack, StringValueReadsBackAndRefusesMalformedText) {
     std::string full = text;
     for (std::size_t n = 0; n < full.size(); ++n) {
       Brio::String cut(full.substr(0, n));
-      EXPECT_EQ(rangeMessage([&] { s.stringValueIs(cut); }), "Invalid MplsLabelStack") << cut;
-      EXPECT_EQ(rangeMessage([&] { d.stringValueIs(cut); }), "Invalid MplsLabelStack") << cut;
+      EXPECT_EQ(errorOf([&] { s.stringValueIs(cut); }), "Invalid MplsLabelStack") << cut;
+      EXPECT_EQ(errorOf([&] { d.stringValueIs(cut); }), "Invalid MplsLabelStack") << cut;
     }
     EXPECT_EQ(s.stringValue(), text) << "a failed stringValueIs changed the value";
   }
@@ -312,13 +305,13 @@ TEST(MplsStack, StringValueReadsBackAndRefusesMalformedText) {
   };
   for (auto const& c : bad) {
     BoundedMplsLabelStack s;
-    EXPECT_EQ(rangeMessage([&] { s.stringValueIs(c.text); }), c.message) << c.text;
+    EXPECT_EQ(errorOf([&] { s.stringValueIs(c.text); }), c.message) << c.text;
   }
   std::string big = "TOP ( ";
   for (int i = 0; i < 17; ++i) big += "ELI EL ";
   big += ") BOTTOM";
   BoundedMplsLabelStack s;
-  EXPECT_EQ(rangeMessage([&] { s.stringValueIs(big); }), "Invalid MplsLabelStack");
+  EXPECT_EQ(errorOf([&] { s.stringValueIs(big); }), "Invalid MplsLabelStack");
   DynamicMplsLabelStack d;
   d.stringValueIs(big);
   EXPECT_EQ(d.calculatedStackSize(), 34u);
@@ -326,21 +319,15 @@ TEST(MplsStack, StringValueReadsBackAndRefusesMalformedText) {
 
 TEST(MplsStack, AttrLogAndSerializeRoundTrip) {
   auto s = stackOf<BoundedMplsLabelStack>({100, EL, 200});
-  Brio::NboAttrLog log;
-  attrLogWrite(log, s);
   DynamicMplsLabelStack d(s);
-  attrLogWrite(log, d);
-  Brio::NboAttrLog in(log.data());
-  EXPECT_EQ(valueToStrep(attrLogRead(in, static_cast<BoundedMplsLabelStack*>(nullptr))), valueToStrep(s));
-  EXPECT_EQ(attrLogRead(in, static_cast<DynamicMplsLabelStack*>(nullptr)), d);
-  EXPECT_TRUE(in.atEnd());
+  expectAttrLogRoundTrip(s, d);
   Brio::Bytes wire = d.serialize();
   EXPECT_EQ(wire, Brio::Bytes(std::string("\x02\x00\x00\x00\x64\x00\x00\x00\xc8\x01\x01", 11)));
   EXPECT_EQ(DynamicMplsLabelStack::deserialize(wire), d);
   // Overlapping pairs, a pair above the stack, trailing bytes, a cut.
   for (std::string bad : {std::string("\x00\x02\x00\x01", 4), std::string("\x00\x01\x05", 3),
                           std::string("\x00\x00\x00", 3)}) {
-    EXPECT_EQ(rangeMessage([&] { DynamicMplsLabelStack::deserialize(Brio::Bytes(bad)); }),
+    EXPECT_EQ(errorOf([&] { DynamicMplsLabelStack::deserialize(Brio::Bytes(bad)); }),
               "Invalid DynamicMplsLabelStack");
   }
   EXPECT_THROW(DynamicMplsLabelStack::deserialize(Brio::Bytes(std::string("\x02\x00\x00", 3))), Brio::SizeException);
@@ -353,7 +340,7 @@ TEST(MplsStack, BoundedAndDynamicConvertBothWays) {
   EXPECT_EQ(valueToStrep(BoundedMplsLabelStack(d)), valueToStrep(s));
   for (U32 l = 16; l < 24; ++l) d.append(MplsLabel(l));
   EXPECT_EQ(d.stackSize(), 10u);
-  EXPECT_EQ(rangeMessage([&] { BoundedMplsLabelStack{d}; }),
+  EXPECT_EQ(errorOf([&] { BoundedMplsLabelStack{d}; }),
             "DynamicMplsLabelStack does not fit a BoundedMplsLabelStack");
 }
 
@@ -472,15 +459,15 @@ TEST(MplsStackRandomized, BoundedAndDynamicAgreeAndKeepEntropyRules) {
 
 TEST(MplsLabelOperation, TopLabelOfEmptyStackRaises) {
   MplsLabelOperation op;
-  EXPECT_EQ(rangeMessage([&] { op.topLabel(); }), "MplsLabelOperation::topLabel: label stack size 0");
+  EXPECT_EQ(errorOf([&] { op.topLabel(); }), "MplsLabelOperation::topLabel: label stack size 0");
   UnboundedMplsLabelOperation uop;
-  EXPECT_EQ(rangeMessage([&] { uop.topLabel(); }), "UnboundedMplsLabelOperation::topLabel: label stack size 0");
+  EXPECT_EQ(errorOf([&] { uop.topLabel(); }), "UnboundedMplsLabelOperation::topLabel: label stack size 0");
   op.label0Is(MplsLabel(100));
   op.label1Is(MplsLabel(200));
   op.stackSizeIs(2);
   EXPECT_EQ(op.topLabel(), MplsLabel(200));
   EXPECT_EQ(op.label1(), MplsLabel(200));
-  EXPECT_EQ(rangeMessage([&] { op.labelStack(7); }), "MplsLabelOperation::labelStack: index out of range");
+  EXPECT_EQ(errorOf([&] { op.labelStack(7); }), "MplsLabelOperation::labelStack: index out of range");
 }
 
 TEST(MplsLabelOperation, ImplicitNullsAreRemovedOnlyForPushAndSwap) {
@@ -541,29 +528,23 @@ TEST(MplsLabelOperation, RecordTextAndOrder) {
   BoundedMplsLabelStack s;
   s.append(MplsLabel(100));
   MplsLabelOperation op(MplsLabelOperationKind::swap, s);
-  Brio::String strep = valueToStrep(op);
-  EXPECT_EQ(strep,
+  EXPECT_EQ(expectStrepRoundTrip(op),
             "Value('Corvid::MplsLabelOperation', ** {'operation': swap, 'labelStack': "
             "Value('Corvid::BoundedMplsLabelStack', ** {'stackSize': 1, 'label0': 100, 'label1': 1048576, "
             "'label2': 1048576, 'label3': 1048576, 'label4': 1048576, 'label5': 1048576, 'label6': 1048576, "
             "'entropyLabelBitMap': 0, 'entropyLabelIndicatorBitMap': 0})})");
-  EXPECT_EQ(Brio::strepToValue<MplsLabelOperation>(strep), op);
   UnboundedMplsLabelOperation uop(MplsLabelOperationKind::push, DynamicMplsLabelStack(s));
-  EXPECT_EQ(valueToStrep(uop),
+  EXPECT_EQ(expectStrepRoundTrip(uop),
             "Value('Corvid::UnboundedMplsLabelOperation', ** {'operation': push, 'labelStack': "
             "TOP ( 100 ) BOTTOM})");
-  EXPECT_EQ(Brio::strepToValue<UnboundedMplsLabelOperation>(valueToStrep(uop)), uop);
-  EXPECT_EQ(rangeMessage([] {
+  EXPECT_EQ(errorOf([] {
               Brio::strepToValue<MplsLabelOperation>(
                   "Value('Corvid::MplsLabelOperation', ** {'operation': jump, 'labelStack': x})");
             }),
             "Invalid MplsLabelOperationKind");
   EXPECT_LT(MplsLabelOperation(MplsLabelOperationKind::push, s), op);
   EXPECT_NE(op.hash(1), MplsLabelOperation(MplsLabelOperationKind::push, s).hash(1));
-  Brio::NboAttrLog log;
-  attrLogWrite(log, op);
-  Brio::NboAttrLog in(log.data());
-  EXPECT_EQ(attrLogRead(in, static_cast<MplsLabelOperation*>(nullptr)), op);
+  expectAttrLogRoundTrip(op);
 }
 
 }  // namespace

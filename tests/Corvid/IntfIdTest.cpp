@@ -9,6 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "support/ValueCases.h"
+
+using namespace CorvidTest;
 using Corvid::IntfId;
 
 namespace {
@@ -48,10 +51,7 @@ TEST(IntfIdOrder, DigitRunsCompareAsNumbers) {
   };
   std::vector<IntfId> ids;
   for (auto it = sorted.rbegin(); it != sorted.rend(); ++it) ids.emplace_back(it->c_str());
-  std::sort(ids.begin(), ids.end());
-  std::vector<std::string> names;
-  for (auto const& i : ids) names.push_back(i.name().str());
-  EXPECT_EQ(names, sorted);
+  EXPECT_EQ(sortedTexts(ids, [](IntfId const& i) { return i.name().str(); }), sorted);
   EXPECT_LT(IntfId("Ethernet99999999999999999999"), IntfId("Ethernet100000000000000000000"));
   EXPECT_NE(IntfId("Vlan010"), IntfId("Vlan10"));
 }
@@ -101,7 +101,7 @@ TEST(IntfIdShortName, TableMapsBothWays) {
 TEST(IntfIdText, QuotedStrepReadsBackAndHashFollowsEquality) {
   for (char const* name : {"Ethernet1/2", "", "weird 'name'\n", "Vlan10"}) {
     IntfId const id(name);
-    EXPECT_EQ(Brio::strepToValue<IntfId>(valueToStrep(id)), id);
+    expectStrepRoundTrip(id);
     EXPECT_EQ(id.stringValue(), name);
   }
   EXPECT_EQ(valueToStrep(IntfId("Ethernet1/2")), "'Ethernet1/2'");
@@ -110,10 +110,7 @@ TEST(IntfIdText, QuotedStrepReadsBackAndHashFollowsEquality) {
   EXPECT_EQ(IntfId("Et1").hash(3), IntfId(Brio::String("Et1")).hash(3));
   EXPECT_NE(IntfId("Et1").hash(), IntfId("Et2").hash());
   EXPECT_THROW(Brio::strepToValue<IntfId>("Ethernet1"), Brio::RangeException);
-  Brio::NboAttrLog log;
-  attrLogWrite(log, IntfId("Ethernet3"));
-  Brio::NboAttrLog in(log.data());
-  IntfId back = attrLogRead(in, static_cast<IntfId*>(nullptr));
+  IntfId const back = attrLogReadOf<IntfId>(IntfId("Ethernet3"));
   EXPECT_EQ(back, IntfId("Ethernet3"));
   EXPECT_LT(back, IntfId("Ethernet10")) << "the key is rebuilt on reading";
 }

@@ -8,7 +8,10 @@
 #include <algorithm>
 #include <random>
 
+#include "support/ValueCases.h"
+
 using namespace Corvid;
+using namespace CorvidTest;
 using Brio::String;
 
 namespace {
@@ -16,48 +19,9 @@ namespace {
 Ip6Addr ip6(char const* text) { return Brio::strepToValue<Ip6Addr>(String(text)); }
 Ip6Prefix p6(char const* text) { return Brio::strepToValue<Ip6Prefix>(String(text)); }
 
-template <class F>
-std::string errorOf(F&& f) {
-  try {
-    f();
-  } catch (Brio::RangeException const& e) {
-    return e.what();
-  }
-  return "";
-}
-
-struct Row {
-  char const* input;
-  char const* canonical;  // nullptr: sequenceToValue fails with `error`
-  char const* error;      // the whole-text reader's error, if any
-  std::size_t consumed;
-};
-
-// sequenceToValue at the start, then the whole-text reader, then the round
-// trip of the canonical text.
-template <class T, class Whole>
-void checkRows(std::vector<Row> const& rows, Whole whole) {
-  for (auto const& r : rows) {
-    SCOPED_TRACE(r.input);
-    String const text(r.input);
-    Brio::StringIter pos = text.begin();
-    if (!r.canonical) {
-      EXPECT_EQ(errorOf([&] { sequenceToValue(pos, text.end(), static_cast<T*>(nullptr)); }), r.error);
-      EXPECT_EQ(pos, text.begin());
-      EXPECT_EQ(errorOf([&] { whole(text); }), r.error);
-      continue;
-    }
-    T const v = sequenceToValue(pos, text.end(), static_cast<T*>(nullptr));
-    EXPECT_EQ(Brio::strep(v).str(), r.canonical);
-    EXPECT_EQ(static_cast<std::size_t>(pos - text.begin()), r.consumed);
-    EXPECT_EQ(errorOf([&] { whole(text); }), r.error ? r.error : "");
-    EXPECT_EQ(Brio::strepToValue<T>(Brio::strep(v)), v);
-  }
-}
-
 TEST(Ip6AddrText, ReadsAndPrintsTheTable) {
   char const* const trailing = "Ip6Addr: unexpected trailing characters";
-  std::vector<Row> const rows = {
+  std::vector<TextRow> const rows = {
       {"::", "::", nullptr, 2},
       {"::1", "::1", nullptr, 3},
       {"1::", "1::", nullptr, 3},
@@ -106,7 +70,7 @@ TEST(Ip6AddrText, ReadsAndPrintsTheTable) {
 }
 
 TEST(Ip6PrefixText, BareAddressIsAHostPrefix) {
-  std::vector<Row> const rows = {
+  std::vector<TextRow> const rows = {
       {"2001:db8::/32", "2001:db8::/32", nullptr, 13},
       {"2001:db8::", "2001:db8::/128", nullptr, 10},
       {"2001:db8::1/64", "2001:db8::1/64", nullptr, 14},  // host bits are kept
@@ -123,7 +87,7 @@ TEST(Ip6PrefixText, BareAddressIsAHostPrefix) {
 }
 
 TEST(Ip6AddrWithFullMaskText, ContiguousMasksPrintAsLengthsAndBothFormsRead) {
-  std::vector<Row> const rows = {
+  std::vector<TextRow> const rows = {
       {"2001:db8::/32", "2001:db8::/32", nullptr, 13},
       {"2001:db8::/ffff:ffff::", "2001:db8::/32", nullptr, 22},
       {"2001:db8::/ffff:0:ffff::", "2001:db8::/ffff:0:ffff::", nullptr, 24},
@@ -178,22 +142,17 @@ TEST(Ip6AddrText, EveryPrefixOfAGoodTextReadsWithinItsEnd) {
   for (std::string full : {"2001:db8:85a3::8a2e:370:7334/64", "::ffff:192.168.100.200", "fe80::1/ffff:ffff::",
                            "1:2:3:4:5:6:7:8"}) {
     for (std::size_t k = 0; k <= full.size(); ++k) {
-      auto heap = std::make_unique<char[]>(k);  // exactly k bytes: ASan sees any overread
-      std::memcpy(heap.get(), full.data(), k);
+      String const cut(full.substr(0, k));
+      auto const heap = exactCopy(cut.view());
       char const* p = heap.get();
       Ip6Addr a;
       U32 len;
       ipDetail::readIp6(p, heap.get() + k, &a);
       p = heap.get();
       ipDetail::readIp6AndLen(p, heap.get() + k, &a, &len);
-      String const cut(full.substr(0, k));
-      Brio::StringIter pos = cut.begin();
-      errorOf([&] { sequenceToValue(pos, cut.end(), static_cast<Ip6Addr*>(nullptr)); });
-      EXPECT_LE(pos - cut.begin(), static_cast<long>(k));
-      pos = cut.begin();
-      errorOf([&] { sequenceToValue(pos, cut.end(), static_cast<Ip6Prefix*>(nullptr)); });
-      pos = cut.begin();
-      errorOf([&] { sequenceToValue(pos, cut.end(), static_cast<Ip6AddrWithFullMask*>(nullptr)); });
+      readWithinCut<Ip6Addr>(cut);
+      readWithinCut<Ip6Prefix>(cut);
+      readWithinCut<Ip6AddrWithFullMask>(cut);
       errorOf([&] { Ip6Addr().stringValueExpandedIs(cut); });
     }
   }
@@ -286,12 +245,7 @@ TEST(Ip6AddrText, ReadingAgreesWithInetPtonExceptTheDottedQuadRules) {
     in6_addr c;
     bool const cOk = inet_pton(AF_INET6, t.c_str(), &c) == 1;
     Ip6Addr ours;
-    bool ok = true;
-    try {
-      ours.stringValueIs(String(t));
-    } catch (Brio::RangeException const&) {
-      ok = false;
-    }
+    bool const ok = errorOf([&] { ours.stringValueIs(String(t)); }).empty();
     accepted += ok;
     if (ok == cOk && (!ok || std::memcmp(ours.bytes(), &c, 16) == 0)) continue;
     ASSERT_TRUE(ok && !cOk) << t;
@@ -484,13 +438,10 @@ TEST(Ip6Prefix, ContainmentValidityAndSubnetHost) {
 }
 
 TEST(Ip6PrefixOrder, MostSpecificFirstOtherwiseByAddress) {
-  std::vector<Ip6Prefix> v = {p6("2001:db8::/32"), p6("::/0"), p6("2001:db8:1::/48"), p6("2001:db7::/32"),
-                              p6("2001:db8::/128")};
-  std::sort(v.begin(), v.end());
-  std::vector<std::string> texts;
-  for (auto const& p : v) texts.push_back(Brio::strep(p).str());
-  EXPECT_EQ(texts, (std::vector<std::string>{"2001:db7::/32", "2001:db8::/128", "2001:db8:1::/48",
-                                             "2001:db8::/32", "::/0"}));
+  std::vector<Ip6Prefix> const v = {p6("2001:db8::/32"), p6("::/0"), p6("2001:db8:1::/48"), p6("2001:db7::/32"),
+                                    p6("2001:db8::/128")};
+  EXPECT_EQ(sortedTexts(v, [](Ip6Prefix const& p) { return Brio::strep(p).str(); }),
+            (std::vector<std::string>{"2001:db7::/32", "2001:db8::/128", "2001:db8:1::/48", "2001:db8::/32", "::/0"}));
   // Interface addresses use the prefix order too, unlike IPv4's shorter-first.
   EXPECT_LT(Ip6AddrWithMask(ip6("2001:db8::1"), 64), Ip6AddrWithMask(ip6("2001:db8::1"), 48));
   EXPECT_LT(IpAddrWithMask(IpAddr(10, 0, 0, 1), 16), IpAddrWithMask(IpAddr(10, 0, 0, 1), 24));
@@ -507,20 +458,11 @@ TEST(Ip6AddrWithMask, SubnetMasksTheAddress) {
 }
 
 TEST(Ip6AttrLog, AddressesAreTheirSixteenBytesInOrder) {
-  Brio::NboAttrLog log;
-  attrLogWrite(log, ip6("2001:db8::1"));
-  attrLogWrite(log, p6("2001:db8::/32"));
-  attrLogWrite(log, Ip6AddrWithMask(ip6("fe80::1"), 64));
-  attrLogWrite(log, Ip6AddrWithFullMask(ip6("fe80::1"), ip6("ffff::1")));
-  EXPECT_EQ(std::memcmp(log.data().data(), ip6("2001:db8::1").bytes(), 16), 0);
-  Brio::NboAttrLog in(log.data());
-  EXPECT_EQ(attrLogRead(in, static_cast<Ip6Addr*>(nullptr)), ip6("2001:db8::1"));
-  EXPECT_EQ(attrLogRead(in, static_cast<Ip6Prefix*>(nullptr)), p6("2001:db8::/32"));
-  EXPECT_EQ(attrLogRead(in, static_cast<Ip6AddrWithMask*>(nullptr)), Ip6AddrWithMask(ip6("fe80::1"), 64));
-  EXPECT_EQ(attrLogRead(in, static_cast<Ip6AddrWithFullMask*>(nullptr)),
-            Ip6AddrWithFullMask(ip6("fe80::1"), ip6("ffff::1")));
-  EXPECT_TRUE(in.atEnd());
-  EXPECT_THROW(attrLogRead(in, static_cast<Ip6Addr*>(nullptr)), Brio::SizeException);
+  Brio::Bytes const wire = expectAttrLogRoundTrip(ip6("2001:db8::1"), p6("2001:db8::/32"),
+                                                   Ip6AddrWithMask(ip6("fe80::1"), 64),
+                                                   Ip6AddrWithFullMask(ip6("fe80::1"), ip6("ffff::1")));
+  EXPECT_EQ(std::memcmp(wire.data(), ip6("2001:db8::1").bytes(), 16), 0);
+  EXPECT_THROW(attrLogReadOf<Ip6Addr>(), Brio::SizeException);
 }
 
 }  // namespace

@@ -5,34 +5,17 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
+
+#include "support/ValueCases.h"
 
 using namespace Corvid;
+using namespace CorvidTest;
 using Brio::String;
 
 namespace {
 
 IpGenAddr gen(char const* text) { return IpGenAddr(String(text)); }
 IpGenPrefix genPrefix(char const* text) { return IpGenPrefix(String(text)); }
-
-template <class F>
-std::string errorOf(F&& f) {
-  try {
-    f();
-  } catch (Brio::RangeException const& e) {
-    return e.what();
-  }
-  return "";
-}
-
-template <class T>
-std::string readAt(char const* text, std::size_t* consumed = nullptr) {
-  String const s(text);
-  Brio::StringIter pos = s.begin();
-  T const v = sequenceToValue(pos, s.end(), static_cast<T*>(nullptr));
-  if (consumed) *consumed = static_cast<std::size_t>(pos - s.begin());
-  return Brio::strep(v).str();
-}
 
 TEST(IpGenAddrText, FirstColonOrDotPicksTheFamily) {
   struct Row {
@@ -58,9 +41,9 @@ TEST(IpGenAddrText, FirstColonOrDotPicksTheFamily) {
   for (auto const& r : rows) {
     SCOPED_TRACE(r.text);
     if (!r.error) {
-      std::size_t consumed = 0;
-      EXPECT_EQ(readAt<IpGenAddr>(r.text, &consumed), r.canonical);
-      EXPECT_EQ(consumed, r.consumed);
+      ReadAt const read = readAt<IpGenAddr>(r.text);
+      EXPECT_EQ(read.strep, r.canonical);
+      EXPECT_EQ(read.consumed, r.consumed);
       EXPECT_EQ(Brio::strepToValue<IpGenAddr>(String(r.canonical)).af(), r.af);
     } else {
       EXPECT_EQ(errorOf([&] { readAt<IpGenAddr>(r.text); }), r.error);
@@ -94,27 +77,19 @@ TEST(IpGenAddrText, TracesTheChosenFamilyAtLevelNine) {
   }
 }
 
-template <class T>
-void readCut(String const& cut) {
-  Brio::StringIter pos = cut.begin();
-  errorOf([&] { sequenceToValue(pos, cut.end(), static_cast<T*>(nullptr)); });
-  EXPECT_LE(pos - cut.begin(), static_cast<long>(cut.bytes())) << cut.str();
-}
-
 TEST(IpGenText, EveryPrefixOfAGoodTextReadsWithinItsEnd) {
   for (std::string full : {"{10.0.0.0/8, 2001:db8::/32}", "fe80::1/64", "unset", "10.0.0.0/24",
                            "Value('Corvid::IpGenAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255.0.0.0})"}) {
     for (std::size_t k = 0; k <= full.size(); ++k) {
-      auto heap = std::make_unique<char[]>(k);
-      std::memcpy(heap.get(), full.data(), k);
-      ipDetail::familyOfText(heap.get(), heap.get() + k);
       String const cut(full.substr(0, k));
-      readCut<IpGenAddr>(cut);
-      readCut<IpGenPrefix>(cut);
-      readCut<IpGenAddrWithMask>(cut);
-      readCut<IpGenAddrWithFullMask>(cut);
-      readCut<TristateIpGenAddr>(cut);
-      readCut<IpGenPrefixSet>(cut);
+      auto const heap = exactCopy(cut.view());
+      ipDetail::familyOfText(heap.get(), heap.get() + k);
+      readWithinCut<IpGenAddr>(cut);
+      readWithinCut<IpGenPrefix>(cut);
+      readWithinCut<IpGenAddrWithMask>(cut);
+      readWithinCut<IpGenAddrWithFullMask>(cut);
+      readWithinCut<TristateIpGenAddr>(cut);
+      readWithinCut<IpGenPrefixSet>(cut);
       IpGenAddrWithFullMask m;
       errorOf([&] { m.handleInitialized(cut); });
     }
@@ -122,12 +97,10 @@ TEST(IpGenText, EveryPrefixOfAGoodTextReadsWithinItsEnd) {
 }
 
 TEST(IpGenAddr, UnknownSortsFirstAndPrintsAsTheZeroIpv6Address) {
-  std::vector<IpGenAddr> v = {gen("::1"), gen("10.0.0.10"), IpGenAddr(), gen("10.0.0.2"), gen("::")};
-  std::sort(v.begin(), v.end());
-  std::vector<std::string> texts;
-  for (auto const& a : v) texts.push_back(a.stringValue().str());
-  EXPECT_EQ(texts, (std::vector<std::string>{"::", "10.0.0.2", "10.0.0.10", "::", "::1"}));
-  EXPECT_EQ(v[0].af(), AddressFamily::ipunknown);
+  std::vector<IpGenAddr> const v = {gen("::1"), gen("10.0.0.10"), IpGenAddr(), gen("10.0.0.2"), gen("::")};
+  EXPECT_EQ(sortedTexts(v, [](IpGenAddr const& a) { return a.stringValue().str(); }),
+            (std::vector<std::string>{"::", "10.0.0.2", "10.0.0.10", "::", "::1"}));
+  EXPECT_EQ(std::ranges::min(v).af(), AddressFamily::ipunknown);
   EXPECT_NE(IpGenAddr(), gen("::"));
   EXPECT_EQ(IpGenAddr(AddressFamily::ipv6), gen("::"));
   EXPECT_EQ(IpGenAddr(AddressFamily::ipv4), gen("0.0.0.0"));
@@ -190,9 +163,9 @@ TEST(IpGenAddr, PredicatesDispatchOnTheTag) {
 }
 
 TEST(IpGenPrefixText, ReadsEitherFamilyWithItsOwnRules) {
-  EXPECT_EQ(readAt<IpGenPrefix>("10.0.0.0/8"), "10.0.0.0/8");
-  EXPECT_EQ(readAt<IpGenPrefix>("2001:db8::/32"), "2001:db8::/32");
-  EXPECT_EQ(readAt<IpGenPrefix>("2001:db8::"), "2001:db8::/128");
+  EXPECT_EQ(readAt<IpGenPrefix>("10.0.0.0/8").strep, "10.0.0.0/8");
+  EXPECT_EQ(readAt<IpGenPrefix>("2001:db8::/32").strep, "2001:db8::/32");
+  EXPECT_EQ(readAt<IpGenPrefix>("2001:db8::").strep, "2001:db8::/128");
   EXPECT_EQ(errorOf([] { readAt<IpGenPrefix>("10.0.0.0"); }), "premature end of Prefix type");
   EXPECT_EQ(errorOf([] { readAt<IpGenPrefix>("10.0.0.1/8"); }), "Invalid Prefix - non-zero after prefixlen");
   EXPECT_EQ(errorOf([] { readAt<IpGenPrefix>("/8"); }), "Invalid IpGenAddr");
@@ -245,13 +218,11 @@ TEST(IpGenPrefix, ContainmentStaysWithinAFamily) {
 }
 
 TEST(IpGenPrefixOrder, TagFirstThenTheFamilysPrefixOrder) {
-  std::vector<IpGenPrefix> v = {genPrefix("2001:db8::/32"), genPrefix("0.0.0.0/0"), genPrefix("2001:db8:1::/48"),
-                                IpGenPrefix(), genPrefix("10.0.0.0/8"), genPrefix("10.1.0.0/16")};
-  std::sort(v.begin(), v.end());
-  std::vector<std::string> texts;
-  for (auto const& p : v) texts.push_back(p.stringValue().str());
-  EXPECT_EQ(texts, (std::vector<std::string>{"::/0", "10.1.0.0/16", "10.0.0.0/8", "0.0.0.0/0", "2001:db8:1::/48",
-                                             "2001:db8::/32"}));
+  std::vector<IpGenPrefix> const v = {genPrefix("2001:db8::/32"), genPrefix("0.0.0.0/0"), genPrefix("2001:db8:1::/48"),
+                                      IpGenPrefix(), genPrefix("10.0.0.0/8"), genPrefix("10.1.0.0/16")};
+  EXPECT_EQ(sortedTexts(v, [](IpGenPrefix const& p) { return p.stringValue().str(); }),
+            (std::vector<std::string>{"::/0", "10.1.0.0/16", "10.0.0.0/8", "0.0.0.0/0", "2001:db8:1::/48",
+                                      "2001:db8::/32"}));
 }
 
 TEST(IpGenAddrWithMask, KeepsHostBitsAndGivesTheSubnet) {
@@ -264,7 +235,7 @@ TEST(IpGenAddrWithMask, KeepsHostBitsAndGivesTheSubnet) {
   IpGenAddrWithMask const v6(String("2001:db8::1/64"));
   EXPECT_EQ(v6.subnet(), genPrefix("2001:db8::/64"));
   EXPECT_EQ(IpGenAddrWithMask(gen("2001:db8::1"), 64), v6);
-  EXPECT_EQ(Brio::strepToValue<IpGenAddrWithMask>(Brio::strep(v6)), v6);
+  expectStrepRoundTrip(v6);
   EXPECT_EQ(errorOf([] { IpGenAddrWithMask(String("10.1.2.3/8 ")); }), "unexpected text after value");
   EXPECT_EQ(errorOf([] { IpGenAddrWithMask(String("10.1.2.3/33")).subnet(); }),
             "Prefix::validAsPrefix != true not allowed");
@@ -311,7 +282,7 @@ TEST(IpGenAddrWithFullMask, ConfigurationTextAndRecordStrepBothReadBack) {
     v.handleInitialized(r.text);
     EXPECT_EQ(v.stringValue().str(), r.stringValue);
     EXPECT_EQ(IpGenAddrWithFullMask(v.stringValue()), v);
-    EXPECT_EQ(Brio::strepToValue<IpGenAddrWithFullMask>(Brio::strep(v)), v);
+    expectStrepRoundTrip(v);
   }
   EXPECT_EQ(Brio::strep(IpGenAddrWithFullMask(String("10.0.0.0/24"))).str(),
             "Value('Corvid::IpGenAddrWithFullMask', ** {'address': 10.0.0.0, 'mask': 255.255.255.0})");
@@ -416,33 +387,12 @@ TEST(IpGenPrefixSetConfigDir, MakesSetsOnFirstUseAndNotifiesByName) {
 }
 
 TEST(IpGenAttrLog, EveryTypeReadsBackAndBadTagsAreRefused) {
-  Brio::NboAttrLog log;
-  IpGenPrefixSet const set{genPrefix("10.0.0.0/8"), genPrefix("::/0")};
-  attrLogWrite(log, gen("10.1.2.3"));
-  attrLogWrite(log, gen("fe80::1"));
-  attrLogWrite(log, IpGenAddr());
-  attrLogWrite(log, genPrefix("2001:db8::/32"));
-  attrLogWrite(log, IpGenAddrWithMask(String("10.1.2.3/8")));
-  attrLogWrite(log, IpGenAddrWithFullMask(String("10.0.0.0/24")));
-  attrLogWrite(log, TristateIpGenAddr(IpGenAddr()));
-  attrLogWrite(log, TristateIpGenAddr());
-  attrLogWrite(log, set);
-  EXPECT_EQ(log.data().str().substr(0, 8), std::string("\0\0\0\1\x0a\x01\x02\x03", 8));
-  Brio::NboAttrLog in(log.data());
-  EXPECT_EQ(attrLogRead(in, static_cast<IpGenAddr*>(nullptr)), gen("10.1.2.3"));
-  EXPECT_EQ(attrLogRead(in, static_cast<IpGenAddr*>(nullptr)), gen("fe80::1"));
-  EXPECT_EQ(attrLogRead(in, static_cast<IpGenAddr*>(nullptr)), IpGenAddr());
-  EXPECT_EQ(attrLogRead(in, static_cast<IpGenPrefix*>(nullptr)), genPrefix("2001:db8::/32"));
-  EXPECT_EQ(attrLogRead(in, static_cast<IpGenAddrWithMask*>(nullptr)), IpGenAddrWithMask(String("10.1.2.3/8")));
-  EXPECT_EQ(attrLogRead(in, static_cast<IpGenAddrWithFullMask*>(nullptr)), IpGenAddrWithFullMask(String("10.0.0.0/24")));
-  EXPECT_EQ(attrLogRead(in, static_cast<TristateIpGenAddr*>(nullptr)), TristateIpGenAddr(IpGenAddr()));
-  EXPECT_EQ(attrLogRead(in, static_cast<TristateIpGenAddr*>(nullptr)), TristateIpGenAddr());
-  EXPECT_EQ(attrLogRead(in, static_cast<IpGenPrefixSet*>(nullptr)), set);
-  EXPECT_TRUE(in.atEnd());
-  Brio::NboAttrLog bad;
-  bad.writeU32(3);
-  Brio::NboAttrLog badIn(bad.data());
-  EXPECT_EQ(errorOf([&] { attrLogRead(badIn, static_cast<IpGenAddr*>(nullptr)); }), "Invalid AddressFamily");
+  Brio::Bytes const wire = expectAttrLogRoundTrip(
+      gen("10.1.2.3"), gen("fe80::1"), IpGenAddr(), genPrefix("2001:db8::/32"), IpGenAddrWithMask(String("10.1.2.3/8")),
+      IpGenAddrWithFullMask(String("10.0.0.0/24")), TristateIpGenAddr(IpGenAddr()), TristateIpGenAddr(),
+      IpGenPrefixSet{genPrefix("10.0.0.0/8"), genPrefix("::/0")});
+  EXPECT_EQ(wire.str().substr(0, 8), std::string("\0\0\0\1\x0a\x01\x02\x03", 8));
+  EXPECT_EQ(errorOf([] { attrLogReadOf<IpGenAddr>(U32(3)); }), "Invalid AddressFamily");
 }
 
 TEST(AddressFamily, TextNames) {

@@ -12,60 +12,16 @@
 #include <random>
 #include <sstream>
 
+#include "support/ValueCases.h"
+
 using namespace Corvid;
+using namespace CorvidTest;
 using Brio::String;
 
 namespace {
 
 IpAddr ip(char const* text) { return Brio::strepToValue<IpAddr>(String(text)); }
 Prefix prefix(char const* text) { return Brio::strepToValue<Prefix>(String(text)); }
-
-// The message of the RangeException f raises, or "" when it raises none.
-template <class F>
-std::string errorOf(F&& f) {
-  try {
-    f();
-  } catch (Brio::RangeException const& e) {
-    return e.what();
-  }
-  return "";
-}
-
-// Reads text at the start with sequenceToValue; returns the value's strep
-// and how much was consumed.
-template <class T>
-std::pair<std::string, std::size_t> readAt(String const& text) {
-  Brio::StringIter pos = text.begin();
-  T v = sequenceToValue(pos, text.end(), static_cast<T*>(nullptr));
-  return {Brio::strep(v).str(), static_cast<std::size_t>(pos - text.begin())};
-}
-
-struct TextRow {
-  char const* input;
-  char const* canonical;  // nullptr: the read fails
-  char const* error;
-  std::size_t consumed;   // by sequenceToValue, when it succeeds
-};
-
-// Each row: the reader at an iterator, then the whole-text reader; a good
-// row's canonical text must read back to the same value.
-template <class T, class WholeText>
-void checkRows(std::vector<TextRow> const& rows, WholeText whole) {
-  for (auto const& r : rows) {
-    String const text(r.input);
-    SCOPED_TRACE(r.input);
-    if (r.canonical) {
-      auto [strep, consumed] = readAt<T>(text);
-      EXPECT_EQ(strep, r.canonical);
-      EXPECT_EQ(consumed, r.consumed);
-      T const back = Brio::strepToValue<T>(String(strep));
-      EXPECT_EQ(Brio::strep(back).str(), strep);
-    } else {
-      EXPECT_EQ(errorOf([&] { readAt<T>(text); }), r.error);
-    }
-    EXPECT_EQ(errorOf([&] { whole(text); }), r.error ? r.error : "");
-  }
-}
 
 TEST(IpAddrText, ReadsAndPrintsTheTable) {
   std::vector<TextRow> const rows = {
@@ -126,12 +82,11 @@ TEST(IpAddrWithMaskText, KeepsHostBitsAndAnyLength) {
 
 TEST(IpAddrWithFullMaskText, RecordStrepReadsBack) {
   IpAddrWithFullMask const v(ip("1.2.3.4"), 255);
-  String const strep = Brio::strep(v);
-  EXPECT_EQ(strep.str(), "Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})");
-  EXPECT_EQ(Brio::strepToValue<IpAddrWithFullMask>(strep), v);
+  std::string const strep = expectStrepRoundTrip(v);
+  EXPECT_EQ(strep, "Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})");
   std::ostringstream os;
   os << v;
-  EXPECT_EQ(os.str(), strep.str());
+  EXPECT_EQ(os.str(), strep);
   EXPECT_EQ(errorOf([] {
               Brio::strepToValue<IpAddrWithFullMask>(
                   "Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3, 'mask': 255})");
@@ -158,16 +113,15 @@ TEST(IpAddrText, EveryPrefixOfAGoodTextReadsWithinItsEnd) {
   for (std::string full : {"255.255.255.255", "10.0.0.0/8", "192.168.100.200/24"}) {
     for (std::size_t k = 0; k <= full.size(); ++k) {
       String const cut(full.substr(0, k));
-      auto heap = std::make_unique<char[]>(k);
-      std::memcpy(heap.get(), full.data(), k);
+      auto const heap = exactCopy(cut.view());
       U32 nbo;
       char const* end = ipDetail::readIpv4(heap.get(), heap.get() + k, &nbo);
       bool const quadComplete = std::count(full.begin(), full.begin() + k, '.') == 3 &&
                                 k > full.find_last_of('.') + 1;
       EXPECT_EQ(end != nullptr, quadComplete) << cut.str();
-      errorOf([&] { readAt<IpAddr>(cut); });
-      errorOf([&] { readAt<Prefix>(cut); });
-      errorOf([&] { readAt<IpAddrWithMask>(cut); });
+      readWithinCut<IpAddr>(cut);
+      readWithinCut<Prefix>(cut);
+      readWithinCut<IpAddrWithMask>(cut);
     }
   }
 }
@@ -204,12 +158,7 @@ TEST(IpAddrText, AgreesWithInetPtonExceptDeliberateDifferences) {
     in_addr c;
     bool const cOk = inet_pton(AF_INET, t.c_str(), &c) == 1;
     IpAddr ours;
-    bool ok = true;
-    try {
-      ours.stringValueIs(String(t));
-    } catch (Brio::RangeException const&) {
-      ok = false;
-    }
+    bool const ok = errorOf([&] { ours.stringValueIs(String(t)); }).empty();
     if (ok == cOk && (!ok || ours.networkOrder() == c.s_addr)) continue;
     ++differences;
     // Only texts we accept and inet_pton refuses, for one of the two reasons.
@@ -321,11 +270,9 @@ TEST(Prefix, ConstructorAcceptsCleanPairsAndTheAllOnesSentinel) {
 }
 
 TEST(PrefixOrder, NestedMostSpecificFirstAndDefaultRouteLast) {
-  std::vector<Prefix> v = {prefix("10.0.0.0/8"), prefix("10.1.0.0/16"), prefix("0.0.0.0/0"), prefix("9.0.0.0/8")};
-  std::sort(v.begin(), v.end());
-  std::vector<std::string> texts;
-  for (auto const& p : v) texts.push_back(p.stringValue().str());
-  EXPECT_EQ(texts, (std::vector<std::string>{"9.0.0.0/8", "10.1.0.0/16", "10.0.0.0/8", "0.0.0.0/0"}));
+  std::vector<Prefix> const v = {prefix("10.0.0.0/8"), prefix("10.1.0.0/16"), prefix("0.0.0.0/0"), prefix("9.0.0.0/8")};
+  EXPECT_EQ(sortedTexts(v, [](Prefix const& p) { return p.stringValue().str(); }),
+            (std::vector<std::string>{"9.0.0.0/8", "10.1.0.0/16", "10.0.0.0/8", "0.0.0.0/0"}));
   // Equal lengths go by address; the default route sorts after the sentinel
   // too, which compares like a host route.
   EXPECT_LT(prefix("10.0.0.0/8"), prefix("11.0.0.0/8"));
@@ -390,23 +337,12 @@ TEST(PrefixFullMask, ReadsLengthAtTheEndIntoANetworkOrderMask) {
 }
 
 TEST(IpAttrLog, WritesHostOrderWordsAndReadsThemBack) {
-  Brio::NboAttrLog log;
-  attrLogWrite(log, ip("10.1.2.3"));
-  attrLogWrite(log, prefix("10.0.0.0/8"));
-  attrLogWrite(log, IpAddrWithMask(ip("10.1.2.3"), 8));
-  attrLogWrite(log, IpAddrWithFullMask(ip("1.2.3.4"), 255));
-  EXPECT_EQ(log.data().str().substr(0, 8), std::string("\x0a\x01\x02\x03\x0a\x00\x00\x00", 8));
-  Brio::NboAttrLog in(log.data());
-  EXPECT_EQ(attrLogRead(in, static_cast<IpAddr*>(nullptr)), ip("10.1.2.3"));
-  EXPECT_EQ(attrLogRead(in, static_cast<Prefix*>(nullptr)), prefix("10.0.0.0/8"));
-  EXPECT_EQ(attrLogRead(in, static_cast<IpAddrWithMask*>(nullptr)), IpAddrWithMask(ip("10.1.2.3"), 8));
-  EXPECT_EQ(attrLogRead(in, static_cast<IpAddrWithFullMask*>(nullptr)), IpAddrWithFullMask(ip("1.2.3.4"), 255));
-  EXPECT_TRUE(in.atEnd());
+  Brio::Bytes const wire = expectAttrLogRoundTrip(ip("10.1.2.3"), prefix("10.0.0.0/8"),
+                                                   IpAddrWithMask(ip("10.1.2.3"), 8),
+                                                   IpAddrWithFullMask(ip("1.2.3.4"), 255));
+  EXPECT_EQ(wire.str().substr(0, 8), std::string("\x0a\x01\x02\x03\x0a\x00\x00\x00", 8));
   // A prefix with host bits from outside is refused like any other.
-  Brio::NboAttrLog bad;
-  attrLogWrite(bad, IpAddrWithMask(ip("10.0.0.1"), 8));
-  Brio::NboAttrLog badIn(bad.data());
-  EXPECT_THROW(attrLogRead(badIn, static_cast<Prefix*>(nullptr)), Brio::RangeException);
+  EXPECT_THROW(attrLogReadOf<Prefix>(IpAddrWithMask(ip("10.0.0.1"), 8)), Brio::RangeException);
 }
 
 TEST(GetRtaAddr, CopiesThePayloadUnchangedAndRefusesShortAttributes) {

@@ -3,9 +3,10 @@
 #include <Brio/TextForm.h>
 #include <gtest/gtest.h>
 
-#include "routing/TextOutcome.h"
+#include "support/ValueCases.h"
 
 using namespace Corvid;
+using namespace CorvidTest;
 
 namespace {
 
@@ -21,17 +22,8 @@ TEST(SmallHeaderValues, RangesTextAndDefaults) {
   EXPECT_THROW(IpDscp(64), Brio::RangeException);
   EXPECT_LT(Port(80), Port(443));
   EXPECT_EQ(valueToStrep(Port(8080)), "8080");
-  Brio::NboAttrLog log;
-  attrLogWrite(log, Port(0x1234));
-  attrLogWrite(log, IpDscp(63));
-  EXPECT_EQ(log.data(), Brio::Bytes(std::string("\x12\x34\x3f", 3)));
-  Brio::NboAttrLog in(log.data());
-  EXPECT_EQ(attrLogRead(in, static_cast<Port*>(nullptr)), Port(0x1234));
-  EXPECT_EQ(attrLogRead(in, static_cast<IpDscp*>(nullptr)), IpDscp(63));
-  Brio::NboAttrLog bad;
-  bad.writeU8(64);
-  Brio::NboAttrLog badIn(bad.data());
-  EXPECT_THROW(attrLogRead(badIn, static_cast<IpDscp*>(nullptr)), Brio::RangeException);
+  EXPECT_EQ(expectAttrLogRoundTrip(Port(0x1234), IpDscp(63)), Brio::Bytes(std::string("\x12\x34\x3f", 3)));
+  EXPECT_THROW(attrLogReadOf<IpDscp>(U8(64)), Brio::RangeException);
 }
 
 }  // namespace

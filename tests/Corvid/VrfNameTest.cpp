@@ -7,6 +7,9 @@
 #include <string>
 #include <unordered_set>
 
+#include "support/ValueCases.h"
+
+using namespace CorvidTest;
 using Corvid::NamespaceName;
 using L3::VrfName;
 
@@ -27,12 +30,7 @@ TEST(VrfName, NamedValuesAndDefault) {
 TEST(VrfName, LengthLimitIs100BytesAndFailureKeepsTheValue) {
   EXPECT_EQ(VrfName(std::string(100, 'v')).value().bytes(), 100u);
   VrfName v("blue");
-  try {
-    v.stringValueIs(std::string(101, 'v'));
-    ADD_FAILURE() << "101 bytes accepted";
-  } catch (Brio::RangeException const& e) {
-    EXPECT_EQ(e.what(), vrfLengthMessage);
-  }
+  EXPECT_EQ(errorOf([&] { v.stringValueIs(std::string(101, 'v')); }), vrfLengthMessage);
   EXPECT_EQ(v.stringValue(), "blue");
   EXPECT_THROW(VrfName(Brio::String(std::string(101, 'v'))), Brio::RangeException);
 }
@@ -42,18 +40,8 @@ TEST(VrfName, StrepIsQuotedAndReadsBackAnyBytes) {
     char const* name;
     char const* strep;
   } const cases[] = {{"blue", "'blue'"}, {"", "''"}, {"it's", "'it\\'s'"}, {"multiple source VRFs", "'multiple source VRFs'"}};
-  for (auto const& c : cases) {
-    VrfName v(c.name);
-    EXPECT_EQ(valueToStrep(v), c.strep);
-    EXPECT_EQ(Brio::strepToValue<VrfName>(c.strep), v);
-  }
-  std::string longStrep = "'" + std::string(101, 'x') + "'";
-  try {
-    Brio::strepToValue<VrfName>(longStrep);
-    ADD_FAILURE();
-  } catch (Brio::RangeException const& e) {
-    EXPECT_EQ(e.what(), vrfLengthMessage);
-  }
+  for (auto const& c : cases) EXPECT_EQ(expectStrepRoundTrip(VrfName(c.name)), c.strep);
+  EXPECT_EQ(strepOutcome<VrfName>("'" + std::string(101, 'x') + "'"), vrfLengthMessage);
 }
 
 TEST(VrfName, OrderIsByteOrderAndHashFollowsEquality) {
@@ -86,23 +74,11 @@ TEST(NamespaceName, DefaultLimitAndAttrLog) {
   EXPECT_TRUE(NamespaceName().isDefault());
   EXPECT_EQ(NamespaceName(Brio::String(std::string(150, 'n'))).value().bytes(), 150u);
   NamespaceName n("ns-red");
-  try {
-    n.valueIs(Brio::String(std::string(151, 'n')));
-    ADD_FAILURE();
-  } catch (Brio::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "NamespaceName::value::bytes > 150 not allowed");
-  }
+  EXPECT_EQ(errorOf([&] { n.valueIs(Brio::String(std::string(151, 'n'))); }),
+            "NamespaceName::value::bytes > 150 not allowed");
   EXPECT_EQ(n.value(), "ns-red");
-  Brio::NboAttrLog log;
-  attrLogWrite(log, n);
-  attrLogWrite(log, VrfName("blue"));
-  Brio::NboAttrLog in(log.data());
-  EXPECT_EQ(attrLogRead(in, static_cast<NamespaceName*>(nullptr)), n);
-  EXPECT_EQ(attrLogRead(in, static_cast<VrfName*>(nullptr)), VrfName("blue"));
-  Brio::NboAttrLog tooLong;
-  tooLong.writeString(Brio::String(std::string(151, 'n')));
-  Brio::NboAttrLog tooLongIn(tooLong.data());
-  EXPECT_THROW(attrLogRead(tooLongIn, static_cast<NamespaceName*>(nullptr)), Brio::RangeException);
+  expectAttrLogRoundTrip(n, VrfName("blue"));
+  EXPECT_THROW(attrLogReadOf<NamespaceName>(Brio::String(std::string(151, 'n'))), Brio::RangeException);
 }
 
 }  // namespace

@@ -3,21 +3,17 @@
 #include <Brio/TextForm.h>
 #include <gtest/gtest.h>
 
-#include "routing/TextOutcome.h"
-
 #include <string>
 
+#include "support/ValueCases.h"
+
 using namespace Evpn;
+using namespace CorvidTest;
 
 namespace {
 
-struct TextCase {
-  char const* text;
-  char const* outcome;
-};
-
 TEST(Esid, TextTableFollowsTheEthernetAddressRules) {
-  TextCase const cases[] = {
+  OutcomeRow const cases[] = {
       {"00:11:22:33:44:55:66:77:88:99", "= 00:11:22:33:44:55:66:77:88:99"},
       {"03-00-1C-73-0a-0b-0c-00-00-01", "= 03:00:1c:73:0a:0b:0c:00:00:01"},
       {"0300.1c73.0a0b.0c00.0001", "= 03:00:1c:73:0a:0b:0c:00:00:01"},
@@ -26,15 +22,10 @@ TEST(Esid, TextTableFollowsTheEthernetAddressRules) {
       {"0300.1c73.0a0b.0c00", "Invalid Esid"},
       {"", "Invalid Esid"},
   };
-  for (auto const& c : cases) EXPECT_EQ(strepOutcome<Esid>(c.text), c.outcome) << c.text;
+  expectOutcomes(cases, strepOutcome<Esid>);
   Esid e("03:00:1c:73:0a:0b:0c:00:00:01");
   EXPECT_EQ(e.type(), 3);
-  try {
-    e.stringValueIs("00:11:22:33:44:55:66:77:88:99 ");
-    ADD_FAILURE();
-  } catch (Brio::RangeException const& ex) {
-    EXPECT_STREQ(ex.what(), "Invalid Esid");
-  }
+  EXPECT_EQ(errorOf([&] { e.stringValueIs("00:11:22:33:44:55:66:77:88:99 "); }), "Invalid Esid");
   EXPECT_EQ(e.type(), 3) << "a failed stringValueIs keeps the value";
   EXPECT_TRUE(Esid().isZero());
   EXPECT_TRUE(Esid("ff:ff:ff:ff:ff:ff:ff:ff:ff:ff").isMax());
@@ -43,7 +34,7 @@ TEST(Esid, TextTableFollowsTheEthernetAddressRules) {
 }
 
 TEST(EncapTypeLabel, LabelRangeFollowsTheEncapsulation) {
-  TextCase const cases[] = {
+  OutcomeRow const cases[] = {
       {"mpls:100", "= mpls:100"},
       {"mpls:1048575", "= mpls:1048575"},
       {"mpls:1048576", "EncapTypeLabel::label too large for its encapsulation"},
@@ -55,22 +46,15 @@ TEST(EncapTypeLabel, LabelRangeFollowsTheEncapsulation) {
       {"mpls", "Invalid EncapTypeLabel"},
       {"", "Invalid EncapTypeLabel"},
   };
-  for (auto const& c : cases) EXPECT_EQ(strepOutcome<EncapTypeLabel>(c.text), c.outcome) << c.text;
+  expectOutcomes(cases, strepOutcome<EncapTypeLabel>);
   EXPECT_EQ(static_cast<int>(EncapType::vxlan), 8);
   EXPECT_EQ(static_cast<int>(EncapType::mpls), 10);
   EXPECT_LT(EncapTypeLabel(EncapType::vxlan, 5), EncapTypeLabel(EncapType::mpls, 1));
 }
 
 TEST(Evpn, AttrLogRoundTripAndRefusesUnknownTunnelTypes) {
-  Brio::NboAttrLog log;
-  attrLogWrite(log, Esid("03:00:1c:73:0a:0b:0c:00:00:01"));
-  attrLogWrite(log, EncapTypeLabel(EncapType::vxlan, 10000));
-  log.writeU8(9);
-  log.writeU32(1);
-  Brio::NboAttrLog in(log.data());
-  EXPECT_EQ(attrLogRead(in, static_cast<Esid*>(nullptr)), Esid("03:00:1c:73:0a:0b:0c:00:00:01"));
-  EXPECT_EQ(attrLogRead(in, static_cast<EncapTypeLabel*>(nullptr)), EncapTypeLabel(EncapType::vxlan, 10000));
-  EXPECT_THROW(attrLogRead(in, static_cast<EncapTypeLabel*>(nullptr)), Brio::RangeException);
+  expectAttrLogRoundTrip(Esid("03:00:1c:73:0a:0b:0c:00:00:01"), EncapTypeLabel(EncapType::vxlan, 10000));
+  EXPECT_THROW(attrLogReadOf<EncapTypeLabel>(U8(9), U32(1)), Brio::RangeException);
 }
 
 }  // namespace

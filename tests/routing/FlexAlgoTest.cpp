@@ -4,7 +4,9 @@
 #include <Brio/TextForm.h>
 #include <gtest/gtest.h>
 
-#include "routing/TextOutcome.h"
+#include "support/ValueCases.h"
+
+using namespace CorvidTest;
 
 namespace {
 

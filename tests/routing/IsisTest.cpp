@@ -7,28 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "support/ValueCases.h"
+
 using namespace Routing::Isis;
+using namespace CorvidTest;
 
 namespace {
 
-template <class T>
-std::string outcomeOf(std::string const& text) {
-  try {
-    T v;
-    v.stringValueIs(Brio::String(text));
-    return "= " + v.stringValue().str();
-  } catch (Brio::RangeException const& e) {
-    return e.what();
-  }
-}
-
-struct TextCase {
-  char const* text;
-  char const* outcome;  // "= canonical" or the message
-};
-
 TEST(SystemId, TextTable) {
-  TextCase const cases[] = {
+  OutcomeRow const cases[] = {
       {"0000.0000.0000", "= 0000.0000.0000"},
       {"1921.6800.1001", "= 1921.6800.1001"},
       {"ABCD.ef01.2345", "= abcd.ef01.2345"},
@@ -41,13 +28,13 @@ TEST(SystemId, TextTable) {
       {"1921.6800.1001.", "Unexpected trailing characters"},
       {"", "Two hex digits expected, but got only 0"},
   };
-  for (auto const& c : cases) EXPECT_EQ(outcomeOf<SystemId>(c.text), c.outcome) << c.text;
+  expectOutcomes(cases, stringValueOutcome<SystemId>);
   EXPECT_EQ(SystemId().stringValue(), "0000.0000.0000");
   EXPECT_TRUE(SystemId().isZero());
 }
 
 TEST(LspId, TextTable) {
-  TextCase const cases[] = {
+  OutcomeRow const cases[] = {
       {"0000.0000.0000.00-00", "= 0000.0000.0000.00-00"},
       {"1921.6800.1001.01-0A", "= 1921.6800.1001.01-0a"},
       {"1921.6800.1001-01-0a", "'.' expected"},
@@ -56,7 +43,7 @@ TEST(LspId, TextTable) {
       {"1921.6800.1001.1-0a", "Two hex digits expected, but got only 1"},
       {"1921.6800.1001.01-0az", "Unexpected trailing characters"},
   };
-  for (auto const& c : cases) EXPECT_EQ(outcomeOf<LspId>(c.text), c.outcome) << c.text;
+  expectOutcomes(cases, stringValueOutcome<LspId>);
   LspId id("1921.6800.1001.01-0a");
   EXPECT_EQ(id.byte(LspIdIdx(0)), 0x19);
   EXPECT_EQ(id.byte(LspIdIdx(6)), 0x01);
@@ -65,12 +52,7 @@ TEST(LspId, TextTable) {
   id.byteIs(LspIdIdx(7), 0xff);
   id.byteIs(LspIdIdx(5), 0x02);
   EXPECT_EQ(id.stringValue(), "1921.6800.1002.01-ff");
-  try {
-    LspIdIdx(8);
-    ADD_FAILURE();
-  } catch (Brio::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "LspIdIdx::value < 0 or > 7 not allowed");
-  }
+  EXPECT_EQ(errorOf([] { LspIdIdx(8); }), "LspIdIdx::value < 0 or > 7 not allowed");
 }
 
 TEST(LspId, OrderIsSystemThenPseudonodeThenFragment) {
@@ -84,7 +66,7 @@ TEST(LspId, OrderIsSystemThenPseudonodeThenFragment) {
 }
 
 TEST(AreaId, TextTable) {
-  TextCase const cases[] = {
+  OutcomeRow const cases[] = {
       {"49", "= 49"},
       {"49.0001", "= 49.0001"},
       {"49.00", "= 49.00"},
@@ -99,7 +81,7 @@ TEST(AreaId, TextTable) {
       {"49.00.0001", "Unexpected trailing characters"},
       {"490.1", "Unexpected trailing characters"},
   };
-  for (auto const& c : cases) EXPECT_EQ(outcomeOf<AreaId>(c.text), c.outcome) << c.text;
+  expectOutcomes(cases, stringValueOutcome<AreaId>);
   EXPECT_EQ(AreaId().stringValue(), "00");
 }
 
@@ -119,16 +101,8 @@ TEST(AreaId, BytesLengthOrderAndAttrLog) {
   EXPECT_LT(AreaId("49.0001.ff"), AreaId("49.0002"));
   EXPECT_EQ(AreaId("49.0001").hash(5), AreaId("49.0001").hash(5));
   EXPECT_NE(AreaId("49.0001"), AreaId("49.0001.00"));
-  Brio::NboAttrLog log;
-  attrLogWrite(log, AreaId("49.0001"));
-  attrLogWrite(log, LspId("1921.6800.1001.01-0a"));
-  Brio::NboAttrLog in(log.data());
-  EXPECT_EQ(attrLogRead(in, static_cast<AreaId*>(nullptr)), AreaId("49.0001"));
-  EXPECT_EQ(attrLogRead(in, static_cast<LspId*>(nullptr)), LspId("1921.6800.1001.01-0a"));
-  Brio::NboAttrLog bad;
-  bad.writeU8(14);
-  Brio::NboAttrLog badIn(bad.data());
-  EXPECT_THROW(attrLogRead(badIn, static_cast<AreaId*>(nullptr)), Brio::RangeException);
+  expectAttrLogRoundTrip(AreaId("49.0001"), LspId("1921.6800.1001.01-0a"));
+  EXPECT_THROW(attrLogReadOf<AreaId>(U8(14)), Brio::RangeException);
 }
 
 TEST(IsisIndices, EachNamesItsOwnType) {
@@ -145,14 +119,7 @@ TEST(IsisIndices, EachNamesItsOwnType) {
       {[] { return valueToStrep(InstanceNameIndex(64)).str(); },
        "InstanceNameIndex::value < InstanceNameIndex::min or > InstanceNameIndex::max not allowed"},
   };
-  for (auto const& c : cases) {
-    try {
-      c.make();
-      ADD_FAILURE() << c.message;
-    } catch (Brio::RangeException const& e) {
-      EXPECT_STREQ(e.what(), c.message);
-    }
-  }
+  for (auto const& c : cases) EXPECT_EQ(errorOf(c.make), c.message);
   EXPECT_EQ(Brio::strepToValue<Level>("level1_2"), Level::level1_2);
   EXPECT_EQ(valueToStrep(Level::levelNone), "levelNone");
   EXPECT_THROW(Brio::strepToValue<Level>("level3"), Brio::RangeException);
@@ -165,8 +132,8 @@ TEST(IsisText, EveryCutOfAGoodTextIsReadOrRefusedWithinBounds) {
   for (std::string full : {"1921.6800.1001.01-0a", "39.0840.f000.0100.0001.0203.0405"}) {
     for (std::size_t n = 0; n < full.size(); ++n) {
       Brio::String const cut(full.substr(0, n));
-      std::string const outcomes[] = {outcomeOf<LspId>(cut.str()), outcomeOf<SystemId>(cut.str()),
-                                      outcomeOf<AreaId>(cut.str())};
+      std::string const outcomes[] = {stringValueOutcome<LspId>(cut.str()), stringValueOutcome<SystemId>(cut.str()),
+                                      stringValueOutcome<AreaId>(cut.str())};
       for (auto const& o : outcomes) {
         if (o[0] == '=') {
           EXPECT_EQ(o, "= " + cut.str());

@@ -3,21 +3,17 @@
 #include <Brio/TextForm.h>
 #include <gtest/gtest.h>
 
-#include "routing/TextOutcome.h"
-
 #include <string>
 
+#include "support/ValueCases.h"
+
 using namespace Vxlan;
+using namespace CorvidTest;
 
 namespace {
 
-struct TextCase {
-  char const* text;
-  char const* outcome;  // "= canonical" or the message
-};
-
 TEST(Vni, RangeAndTextTable) {
-  TextCase const cases[] = {
+  OutcomeRow const cases[] = {
       {"0", "= 0"},
       {"16777215", "= 16777215"},
       {"00042", "= 42"},
@@ -27,12 +23,12 @@ TEST(Vni, RangeAndTextTable) {
       {"x1", "Invalid Vni"},
       {"+1", "Invalid Vni"},
   };
-  for (auto const& c : cases) EXPECT_EQ(strepOutcome<Vni>(c.text), c.outcome) << c.text;
+  expectOutcomes(cases, strepOutcome<Vni>);
   EXPECT_THROW(Vni(16777216), Brio::RangeException);
 }
 
 TEST(VniOrNone, NoneIsTheDefaultAndPrintsAsNone) {
-  TextCase const cases[] = {
+  OutcomeRow const cases[] = {
       {"none", "= none"},
       {"16777216", "= none"},
       {"16777215", "= 16777215"},
@@ -41,7 +37,7 @@ TEST(VniOrNone, NoneIsTheDefaultAndPrintsAsNone) {
       {"n", "Invalid VniOrNone"},
       {"", "Invalid VniOrNone"},
   };
-  for (auto const& c : cases) EXPECT_EQ(strepOutcome<VniOrNone>(c.text), c.outcome) << c.text;
+  expectOutcomes(cases, strepOutcome<VniOrNone>);
   EXPECT_TRUE(VniOrNone().isNone());
   EXPECT_EQ(VniOrNone(Vni(7)).vni(), Vni(7));
   EXPECT_THROW(VniOrNone().vni(), Brio::RangeException);
@@ -49,7 +45,7 @@ TEST(VniOrNone, NoneIsTheDefaultAndPrintsAsNone) {
 }
 
 TEST(VniExt, DomainQualifiedTextTable) {
-  TextCase const cases[] = {
+  OutcomeRow const cases[] = {
       {"10000", "= 10000"},
       {"0:10000", "= 10000"},
       {"2:10000", "= 2:10000"},
@@ -62,7 +58,7 @@ TEST(VniExt, DomainQualifiedTextTable) {
       {":5", "Invalid VniExt String"},
       {"", "Invalid VniExt String"},
   };
-  for (auto const& c : cases) EXPECT_EQ(strepOutcome<VniExt>(c.text), c.outcome) << c.text;
+  expectOutcomes(cases, strepOutcome<VniExt>);
   VniExt const v(3, Vni(500));
   EXPECT_EQ(v.domain(), 3);
   EXPECT_EQ(v.vni(), Vni(500));
@@ -77,12 +73,8 @@ TEST(VniExt, DomainQualifiedTextTable) {
 }
 
 TEST(Vni, AttrLogIsTheNumberAndIsCheckedOnReading) {
-  Brio::NboAttrLog log;
-  attrLogWrite(log, Vni(0x123456));
-  log.writeU32(0x1000000);
-  Brio::NboAttrLog in(log.data());
-  EXPECT_EQ(attrLogRead(in, static_cast<Vni*>(nullptr)), Vni(0x123456));
-  EXPECT_THROW(attrLogRead(in, static_cast<Vni*>(nullptr)), Brio::RangeException);
+  expectAttrLogRoundTrip(Vni(0x123456));
+  EXPECT_THROW(attrLogReadOf<Vni>(U32(0x1000000)), Brio::RangeException);
 }
 
 }  // namespace

@@ -4,10 +4,16 @@
 // reads one text (raising Brio::RangeException with the type's own message
 // when it is malformed) and prints the value's facts as "  name: value"
 // lines through a ValueReport. Modules add their rows in their own file
-// (ValueIp.cpp, ValueLabels.cpp, ...), listed in valueTypes().
+// (ValueIp.cpp, ValueLabels.cpp, ...), listed in valueTypes(); row<T, Facts>
+// below is the show function of every row, so reading and the two text
+// lines are the same for all types and a module writes only its facts.
 #pragma once
 
+#include <Brio/String.h>
+#include <Brio/TextForm.h>
+
 #include <iosfwd>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,6 +35,52 @@ struct ValueType {
   char const* summary;  // one line for `corvid value --help`
   void (*show)(std::string const& text, ValueReport& report);
 };
+
+// What operator<< writes for v.
+template <class T>
+std::string streamed(T const& v) {
+  std::ostringstream os;
+  os << v;
+  return os.str();
+}
+
+// Reads the whole text the way configuration does: the type's own setter
+// where it has one (so trailing text gets the type's message), else the strep.
+template <class T>
+T readWhole(std::string const& text) {
+  Brio::String const s(text);
+  if constexpr (requires(T t) { t.stringValueIs(s); }) {
+    T v;
+    v.stringValueIs(s);
+    return v;
+  } else if constexpr (requires(T t) { t.handleInitialized(s); }) {
+    T v;
+    v.handleInitialized(s);
+    return v;
+  } else {
+    return Brio::strepToValue<T>(s);
+  }
+}
+
+// The lines every row starts with: canonical text and strep.
+template <class T>
+void showTexts(T const& v, ValueReport& r) {
+  if constexpr (requires { v.stringValue(); }) {
+    r.line("text", v.stringValue().str());
+  } else {
+    r.line("text", streamed(v));
+  }
+  r.line("strep", Brio::strep(v).str());
+}
+
+// A row's show function: the value read from the whole text, its two text
+// lines, then the type's own facts.
+template <class T, void (*Facts)(T const&, ValueReport&)>
+void row(std::string const& text, ValueReport& r) {
+  T const v = readWhole<T>(text);
+  showTexts(v, r);
+  Facts(v, r);
+}
 
 void addIpValueTypes(std::vector<ValueType>& types);
 void addLabelValueTypes(std::vector<ValueType>& types);

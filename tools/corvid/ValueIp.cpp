@@ -1,8 +1,6 @@
 // `corvid value` rows for the address and prefix types of Corvid/Ip.h.
 #include <Corvid/Ip.h>
 
-#include <sstream>
-
 #include "ValueCommand.h"
 
 namespace CorvidTool {
@@ -10,42 +8,6 @@ namespace CorvidTool {
 namespace {
 
 using namespace Corvid;
-
-template <class T>
-std::string str(T const& v) {
-  std::ostringstream os;
-  os << v;
-  return os.str();
-}
-
-// Reads the whole text the way configuration does: the type's own setter
-// where it has one (so trailing text gets the type's message), else the strep.
-template <class T>
-T readWhole(std::string const& text) {
-  Brio::String const s(text);
-  if constexpr (requires(T t) { t.stringValueIs(s); }) {
-    T v;
-    v.stringValueIs(s);
-    return v;
-  } else if constexpr (requires(T t) { t.handleInitialized(s); }) {
-    T v;
-    v.handleInitialized(s);
-    return v;
-  } else {
-    return Brio::strepToValue<T>(s);
-  }
-}
-
-// The lines every row starts with: canonical text and strep.
-template <class T>
-void texts(T const& v, ValueReport& r) {
-  if constexpr (requires { v.stringValue(); }) {
-    r.line("text", v.stringValue().str());
-  } else {
-    r.line("text", str(v));
-  }
-  r.line("strep", Brio::strep(v).str());
-}
 
 void showIpv4(IpAddr const& a, ValueReport& r) {
   r.flag("isZero", a.isZero());
@@ -85,7 +47,7 @@ void showIpv6(Ip6Addr const& a, ValueReport& r) {
 }
 
 void showIpGen(IpGenAddr const& a, ValueReport& r) {
-  r.line("af", str(a.af()));
+  r.line("af", streamed(a.af()));
   r.flag("isUnicast", a.isUnicast());
   r.flag("isMulticast", a.isMulticast());
   r.flag("isLinkLocalMulticast", a.isLinkLocalMulticast());
@@ -99,13 +61,6 @@ void showIpGen(IpGenAddr const& a, ValueReport& r) {
   r.flag("isRoutableMulticast", a.isRoutableMulticast());
   IpGenAddr const mapped = a.isV4() ? IpGenAddr::getV4MappedV6Addr(a) : IpGenAddr::getMappedV4Addr(a);
   if (mapped.af() != AddressFamily::ipunknown) r.line("mapped", mapped.stringValue().str());
-}
-
-template <class T, void (*Facts)(T const&, ValueReport&)>
-void row(std::string const& text, ValueReport& r) {
-  T const v = readWhole<T>(text);
-  texts(v, r);
-  Facts(v, r);
 }
 
 void ipv4(IpAddr const& a, ValueReport& r) {
@@ -134,7 +89,7 @@ void ipv6Prefix(Ip6Prefix const& p, ValueReport& r) {
   r.hash("hash(0)", p.hash(0));
 }
 void ipPrefix(IpGenPrefix const& p, ValueReport& r) {
-  r.line("af", str(p.af()));
+  r.line("af", streamed(p.af()));
   r.line("len", std::to_string(p.len()));
   r.hash("hash(0)", p.hash(0));
 }
@@ -145,12 +100,12 @@ void ipv4WithMask(IpAddrWithMask const& v, ValueReport& r) {
 }
 void ipv6WithMask(Ip6AddrWithMask const& v, ValueReport& r) {
   r.flag("validAsPrefix", v.validAsPrefix());
-  r.line("subnet", str(v.subnet()));
+  r.line("subnet", streamed(v.subnet()));
   r.hash("hash", v.hash());
   r.hash("hash(0)", v.hash(0));
 }
 void ipWithMask(IpGenAddrWithMask const& v, ValueReport& r) {
-  r.line("af", str(v.af()));
+  r.line("af", streamed(v.af()));
   r.line("subnet", v.subnet().stringValue().str());
   r.hash("hash(0)", v.hash(0));
 }

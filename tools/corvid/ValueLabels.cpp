@@ -25,27 +25,6 @@ std::string hex(U32 v, int digits) {
   return buf;
 }
 
-// One row: read the whole text with the type's stringValueIs when it has
-// one (so leftovers get the type's own message), else as a strep; print
-// the canonical text and the strep, then the type's own facts.
-template <class T, void (*Facts)(T const&, ValueReport&)>
-void row(std::string const& text, ValueReport& r) {
-  Brio::String const s(text);
-  T v;
-  if constexpr (requires { v.stringValueIs(s); }) {
-    v.stringValueIs(s);
-  } else {
-    v = Brio::strepToValue<T>(s);
-  }
-  if constexpr (requires { v.stringValue(); }) {
-    r.line("text", v.stringValue().str());
-  } else {
-    r.line("text", Brio::strep(v).str());
-  }
-  r.line("strep", Brio::strep(v).str());
-  Facts(v, r);
-}
-
 void eth(EthAddr const& a, ValueReport& r) {
   r.line("displayString", a.displayString().str());
   r.flag("isUnicast", a.isUnicast());

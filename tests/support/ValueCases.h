@@ -1,0 +1,189 @@
+// Test support: the checks every value-type test is made of.
+//
+// Addresses, labels, names and identifiers are all tested the same way:
+// tables of texts with the canonical text or the refusal each must give,
+// round trips through the strep and the attribute log, and cuts of good
+// texts that must be read or refused without running past their end. These
+// helpers keep each of those checks in one place. They report through
+// EXPECT_*, so a caller names the case with SCOPED_TRACE or a streamed
+// message. Header only; everything is in namespace CorvidTest.
+#pragma once
+
+#include <Brio/Exception.h>
+#include <Brio/NboAttrLog.h>
+#include <Brio/String.h>
+#include <Brio/TextForm.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+namespace CorvidTest {
+
+// The message of the Brio::RangeException f raises, or "" when it raises
+// none. Any other exception is left to fail the test.
+template <class F>
+std::string errorOf(F&& f) {
+  try {
+    f();
+  } catch (Brio::RangeException const& e) {
+    return e.what();
+  }
+  return "";
+}
+
+// "= <text>" when f returns its text, else the RangeException's message:
+// either outcome as one comparable string.
+template <class F>
+std::string outcomeOf(F&& f) {
+  try {
+    return "= " + f();
+  } catch (Brio::RangeException const& e) {
+    return e.what();
+  }
+}
+
+// Reading the whole text with the strep reader; the value as its strep.
+template <class T>
+std::string strepOutcome(std::string const& text) {
+  return outcomeOf([&] { return Brio::strep(Brio::strepToValue<T>(Brio::String(text))).str(); });
+}
+
+// Reading the whole text with T's stringValueIs; the value as stringValue.
+template <class T>
+std::string stringValueOutcome(std::string const& text) {
+  return outcomeOf([&] {
+    T v;
+    v.stringValueIs(Brio::String(text));
+    return v.stringValue().str();
+  });
+}
+
+struct OutcomeRow {
+  char const* text;
+  char const* outcome;  // "= canonical" or the message
+};
+
+inline void expectOutcomes(std::span<OutcomeRow const> rows, std::string (*outcome)(std::string const&)) {
+  for (auto const& r : rows) EXPECT_EQ(outcome(r.text), r.outcome) << r.text;
+}
+
+// What sequenceToValue reads at the start of a text.
+struct ReadAt {
+  std::string strep;     // the value read
+  std::size_t consumed;  // bytes the reader moved past
+};
+
+template <class T>
+ReadAt readAt(Brio::String const& text) {
+  Brio::StringIter pos = text.begin();
+  T const v = sequenceToValue(pos, text.end(), static_cast<T*>(nullptr));
+  return {Brio::strep(v).str(), static_cast<std::size_t>(pos - text.begin())};
+}
+
+// Reads a T at the start of a cut of a good text, accepted or refused: the
+// reader may not move past the cut's end either way.
+template <class T>
+void readWithinCut(Brio::String const& cut) {
+  Brio::StringIter pos = cut.begin();
+  errorOf([&] { sequenceToValue(pos, cut.end(), static_cast<T*>(nullptr)); });
+  EXPECT_LE(pos - cut.begin(), static_cast<long>(cut.bytes())) << cut.str();
+}
+
+// A heap block of exactly text.size() bytes holding text, for the raw
+// readers: one that looks past the end shows under ASan.
+inline std::unique_ptr<char[]> exactCopy(std::string_view text) {
+  auto block = std::make_unique<char[]>(text.size());
+  std::memcpy(block.get(), text.data(), text.size());
+  return block;
+}
+
+// Checks that v's strep reads back as v: equal, and with the same strep,
+// which also catches state that operator== ignores (a bounded label stack's
+// spare slots). Returns the strep for tests that pin it.
+template <class T>
+std::string expectStrepRoundTrip(T const& v) {
+  std::string const strep = Brio::strep(v).str();
+  T const back = Brio::strepToValue<T>(Brio::String(strep));
+  EXPECT_EQ(back, v) << strep;
+  EXPECT_EQ(Brio::strep(back).str(), strep);
+  return strep;
+}
+
+// One text of a reader table.
+struct TextRow {
+  char const* input;
+  char const* canonical;  // the strep sequenceToValue reads; nullptr: it refuses with `error`
+  char const* error;      // the whole-text reader's refusal; nullptr: it accepts the text
+  std::size_t consumed;   // bytes sequenceToValue reads when it succeeds
+};
+
+// Each row through sequenceToValue at the start of the text and through the
+// whole-text reader `whole`. A refusal leaves the position alone; a value
+// read prints its canonical text, which reads back to the same value.
+template <class T, class Whole>
+void checkRows(std::vector<TextRow> const& rows, Whole whole) {
+  for (auto const& r : rows) {
+    SCOPED_TRACE(r.input);
+    Brio::String const text(r.input);
+    EXPECT_EQ(errorOf([&] { whole(text); }), r.error ? r.error : "");
+    if (!r.canonical) {
+      Brio::StringIter pos = text.begin();
+      EXPECT_EQ(errorOf([&] { sequenceToValue(pos, text.end(), static_cast<T*>(nullptr)); }), r.error);
+      EXPECT_EQ(pos, text.begin());
+      continue;
+    }
+    Brio::StringIter pos = text.begin();
+    T const v = sequenceToValue(pos, text.end(), static_cast<T*>(nullptr));
+    EXPECT_EQ(expectStrepRoundTrip(v), r.canonical);
+    EXPECT_EQ(static_cast<std::size_t>(pos - text.begin()), r.consumed);
+  }
+}
+
+// Writes the values to one attribute log and reads them back in order:
+// each must come back equal and printing the same strep, and nothing may be
+// left over. Returns the log's bytes for tests that pin the wire form.
+template <class... T>
+Brio::Bytes expectAttrLogRoundTrip(T const&... values) {
+  Brio::NboAttrLog log;
+  (attrLogWrite(log, values), ...);
+  Brio::NboAttrLog in(log.data());
+  auto readBack = [&in](auto const& v) {
+    using V = std::remove_cvref_t<decltype(v)>;
+    V const back = attrLogRead(in, static_cast<V*>(nullptr));
+    EXPECT_EQ(back, v);
+    EXPECT_EQ(Brio::strep(back).str(), Brio::strep(v).str());
+  };
+  (readBack(values), ...);
+  EXPECT_TRUE(in.atEnd());
+  return log.data();
+}
+
+// Reads a T from an attribute log holding `written`: values, or plain
+// integers and strings standing for bytes from outside.
+template <class T, class... W>
+T attrLogReadOf(W const&... written) {
+  Brio::NboAttrLog log;
+  (attrLogWrite(log, written), ...);
+  Brio::NboAttrLog in(log.data());
+  return attrLogRead(in, static_cast<T*>(nullptr));
+}
+
+// The values sorted with operator<, each as text(v): what an order test
+// compares against the order it expects.
+template <class T, class Text>
+std::vector<std::string> sortedTexts(std::vector<T> values, Text text) {
+  std::sort(values.begin(), values.end());
+  std::vector<std::string> texts;
+  for (auto const& v : values) texts.push_back(text(v));
+  return texts;
+}
+
+}  // namespace CorvidTest
