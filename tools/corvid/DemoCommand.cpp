@@ -85,7 +85,13 @@ int demoCommand(Args const& args, std::ostream& out, std::ostream& err) {
   static std::vector<Step> const steps = {
       {"IPv4 and IPv6 addresses: canonical text, predicates, hash",
        {"value", "ip", "10.1.2.3", "fe80::1:0:0:5", "::ffff:192.0.2.1"}},
-      {"Prefixes sort most specific first", {"value", "ipv4-prefix", "10.0.0.0/8", "10.1.0.0/16"}},
+      {"A prefix with host bits is refused; the same text is a valid address with a mask",
+       {"value", "ipv4-prefix", "10.1.2.3/8"}},
+      {"", {"value", "ipv4-with-mask", "10.1.2.3/8"}},
+      {"Ethernet address, MPLS label stack, interface name",
+       {"value", "eth", "00:1c:73:aa:bb:cc"}},
+      {"", {"value", "mpls-stack", "TOP ( 16 17 ) BOTTOM"}},
+      {"", {"value", "intf", "Ethernet1/2"}},
       {"A malformed address gets the library's exact message", {"value", "ipv4", "1.2.3.256"}},
       {"A frame decoded through the header wrappers, with its checks",
        {"packet", "ffffffffffff020000000001080045000022000100004011f6c6c0000201c00002020fa01388000e195c636f72766964"}},
@@ -93,7 +99,7 @@ int demoCommand(Args const& args, std::ostream& out, std::ostream& err) {
   };
   int failures = 0;
   for (auto const& s : steps) {
-    out << "\n== " << s.title << "\n";
+    if (*s.title) out << "\n== " << s.title << "\n";
     if (s.run) {
       failures += s.run(out) ? 1 : 0;
       continue;
