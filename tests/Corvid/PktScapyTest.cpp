@@ -21,7 +21,7 @@ namespace {
 
 std::string scriptPath() {
   char const* root = std::getenv("CORVID_TEST_SOURCE_DIR");
-  std::string dir = root ? std::string(root) + "/tests/Corvid" : std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/'));
+  std::string dir = std::string(root ? root : CORVID_SOURCE_DIR) + "/tests/Corvid";
   return dir + "/scapy_frames.py";
 }
 

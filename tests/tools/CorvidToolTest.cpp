@@ -1,0 +1,651 @@
+// The corvid tool seen from outside: each test runs the built binary, as an
+// operator or a script would, and checks stdout, stderr and the exit status
+// (0 success, 1 a value or frame that does not hold up, 2 a bad command line).
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <Brio/Types.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/NetnsScope.h"
+#include "tools/ToolProcess.h"
+
+namespace {
+
+using CorvidTest::runCorvid;
+using CorvidTest::ToolProcess;
+using CorvidTest::ToolResult;
+
+// Everything a failed expectation needs to show about a run.
+std::string shown(ToolResult const& r) {
+  return "status " + std::to_string(r.status) + (r.timedOut ? " (timed out)" : "") + "\n--- stdout\n" + r.out +
+         "--- stderr\n" + r.err;
+}
+
+class CorvidTool : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string const binary = CorvidTest::corvidBinary();
+    ASSERT_FALSE(binary.empty()) << "set CORVID_TEST_BINARY_DIR to the build directory";
+    ASSERT_EQ(access(binary.c_str(), X_OK), 0) << binary << " is not built";
+  }
+};
+
+// ---- help, version, usage errors -------------------------------------------
+
+std::vector<std::string> const synopses = {
+    "demo",
+    "value TYPE TEXT...",
+    "packet HEX...",
+    "capture --intf NAME [--count N] [--seconds S]",
+    "send (--intf NAME | --to IPV4 [--protocol P] [--device D]) HEX...",
+};
+
+TEST_F(CorvidTool, Help_ListsEverySubcommandWithItsSynopsis) {
+  for (std::string flag : {"--help", "-h", "help"}) {
+    ToolResult const r = runCorvid({flag});
+    ASSERT_EQ(r.status, 0) << flag << "\n" << shown(r);
+    EXPECT_EQ(r.err, "") << flag;
+    EXPECT_EQ(r.out.rfind("usage: corvid ", 0), 0u) << r.out;
+    for (auto const& s : synopses) EXPECT_NE(r.out.find("\n  " + s + "\n"), std::string::npos) << flag << ": " << s;
+  }
+}
+
+TEST_F(CorvidTool, SubcommandHelp_PrintsThatCommandsUsageAndSucceeds) {
+  for (auto const& s : synopses) {
+    std::string const name = s.substr(0, s.find(' '));
+    ToolResult const r = runCorvid({name, "--help"});
+    EXPECT_EQ(r.status, 0) << name << "\n" << shown(r);
+    EXPECT_EQ(r.out.rfind("usage: corvid " + s + "\n", 0), 0u) << shown(r);
+    EXPECT_EQ(r.err, "");
+  }
+}
+
+TEST_F(CorvidTool, Version_PrintsTheProjectVersion) {
+  std::ifstream cache(CorvidTest::buildDir() + "/CMakeCache.txt");
+  std::string line, version;
+  while (std::getline(cache, line)) {
+    if (line.rfind("CMAKE_PROJECT_VERSION:STATIC=", 0) == 0) version = line.substr(line.find('=') + 1);
+  }
+  ASSERT_EQ(std::count(version.begin(), version.end(), '.'), 2) << "'" << version << "'";
+  ASSERT_EQ(version.find_first_not_of("0123456789."), std::string::npos) << "'" << version << "'";
+  ToolResult const r = runCorvid({"--version"});
+  EXPECT_EQ(r.status, 0) << shown(r);
+  EXPECT_EQ(r.out, "corvid " + version + "\n");
+  EXPECT_EQ(r.err, "");
+}
+
+struct UsageCase {
+  std::vector<std::string> args;
+  char const* message;  // must appear on stderr
+};
+
+TEST_F(CorvidTool, BadCommandLines_ExitTwoWithTheReasonAndUsageOnStderr) {
+  UsageCase const cases[] = {
+      {{}, "missing command"},
+      {{"frobnicate"}, "unknown command 'frobnicate'"},
+      {{"--frob"}, "unknown option '--frob'"},
+      {{"-x", "value"}, "unknown option '-x'"},
+      {{"Value", "ipv4", "1.2.3.4"}, "unknown command 'Value'"},
+      {{"demo", "extra"}, "demo takes no arguments"},
+      {{"value"}, "missing TYPE (one of: "},
+      {{"value", "ipv5", "1.2.3.4"}, "unknown TYPE 'ipv5'"},
+      {{"value", "ipv4"}, "missing TEXT"},
+      {{"packet"}, "missing HEX"},
+      {{"capture"}, "missing --intf NAME"},
+      {{"capture", "--intf"}, "option '--intf' needs a value"},
+      {{"capture", "--intf", "cv0", "--count", "two"}, "option '--count' takes a number, not 'two'"},
+      {{"capture", "--intf", "cv0", "--seconds", ""}, "option '--seconds' takes a number, not ''"},
+      {{"capture", "--intf", "cv0", "extra"}, "unexpected argument 'extra'"},
+      {{"capture", "--intf", "cv0", "--bogus", "1"}, "unknown option '--bogus'"},
+      {{"send", "00"}, "give exactly one of --intf NAME or --to IPV4"},
+      {{"send", "--intf", "cv0", "--to", "192.0.2.1", "00"}, "give exactly one of --intf NAME or --to IPV4"},
+      {{"send", "--intf", "cv0"}, "missing HEX bytes to send"},
+      {{"send", "--to", "192.0.2.999", "00"}, "--to: Invalid IpAddr"},
+      {{"send", "--to", "127.0.0.1", "--protocol", "256", "00"}, "--protocol takes 0 to 255"},
+      {{"send", "--to", "127.0.0.1", "--protocol", "udp", "00"}, "option '--protocol' takes a number, not 'udp'"},
+  };
+  for (auto const& c : cases) {
+    std::string line;
+    for (auto const& a : c.args) line += " '" + a + "'";
+    ToolResult const r = runCorvid(c.args);
+    EXPECT_EQ(r.status, 2) << "corvid" << line << "\n" << shown(r);
+    EXPECT_EQ(r.out, "") << "corvid" << line;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << "corvid" << line << "\n" << shown(r);
+    EXPECT_NE(r.err.find("usage: corvid "), std::string::npos) << "corvid" << line << "\n" << shown(r);
+  }
+}
+
+// ---- value -----------------------------------------------------------------
+
+struct ValueCase {
+  char const* type;
+  char const* text;
+  char const* outcome;         // "= canonical text", or the exact error message
+  char const* strep = nullptr;  // when it differs from the canonical text
+  char const* fact = nullptr;   // one more "name: value" line the report must hold
+};
+
+// VRF names of exactly the longest length and one byte more.
+std::string const vrf100(100, 'v');
+std::string const vrf100Outcome = "= " + vrf100;
+std::string const vrf100Strep = "'" + vrf100 + "'";
+std::string const vrf101(101, 'v');
+
+ValueCase const valueCases[] = {
+    // IPv4: leading zeros are decimal digits, an octet is read modulo 2^32.
+    {"ipv4", "1.2.3.4", "= 1.2.3.4", nullptr, "isUnicast: true"},
+    {"ipv4", "01.002.3.4", "= 1.2.3.4"},
+    {"ipv4", "4294967297.2.3.4", "= 1.2.3.4"},
+    {"ipv4", "255.255.255.255", "= 255.255.255.255", nullptr, "isPrivate: true"},
+    {"ipv4", "0.0.0.0", "= 0.0.0.0", nullptr, "isUnicast: true"},
+    {"ipv4", "224.0.0.1", "= 224.0.0.1", nullptr, "mcastEtherAddress: 01:00:5e:00:00:01"},
+    {"ipv4", "240.0.0.1", "= 240.0.0.1", nullptr, "isReserved(false): true"},
+    {"ipv4", "1.2.3", "Invalid IpAddr"},
+    {"ipv4", "1.2.3.", "Invalid IpAddr"},
+    {"ipv4", "1.2.3.256", "Invalid IpAddr"},
+    {"ipv4", "1.2.3.4x", "Invalid IpAddr"},
+    {"ipv4", "0x1.2.3.4", "Invalid IpAddr"},
+    {"ipv4", "", "Invalid IpAddr"},
+    // IPv6: the first of two equal zero runs is compressed, a single zero never.
+    {"ipv6", "2001:db8:0:0:1:0:0:1", "= 2001:db8::1:0:0:1"},
+    {"ipv6", "2001:db8:0:1:1:1:1:1", "= 2001:db8:0:1:1:1:1:1"},
+    {"ipv6", "0:0:0:0:0:0:0:0", "= ::", nullptr, "isZero: true"},
+    {"ipv6", "fe80:0:0:0:0:0:0:0", "= fe80::"},
+    {"ipv6", "::FFFF:10.0.0.1", "= ::ffff:10.0.0.1", nullptr, "isV4MappedV6: true"},
+    {"ipv6", "2001:DB8::ABCD", "= 2001:db8::abcd", nullptr,
+     "expanded: 2001:0db8:0000:0000:0000:0000:0000:abcd"},
+    {"ipv6", "fe80:0:0:1::1", "= fe80:0:0:1::1", nullptr, "isLinkLocalUnicast2: true"},
+    {"ipv6", "1::2::3", "Ip6Addr: only one '::' allowed"},
+    {"ipv6", "2001:db8::1/64", "Ip6Addr: unexpected trailing characters"},
+    {"ipv6", "1:2:3", "Ip6Addr: incomplete ipv6 address"},
+    {"ipv6", "1:::2", "Ip6Addr: too many colons"},
+    {"ipv6", "10000::", "Ip6Addr: hex value too large"},
+    {"ipv6", "00000::", "Ip6Addr: too many consecutive hex digits"},
+    // Either family: the first ':' or '.' picks the reader.
+    {"ip", "10.1.1.1", "= 10.1.1.1", nullptr, "af: ipv4"},
+    {"ip", "fe80::1", "= fe80::1", nullptr, "af: ipv6"},
+    {"ip", "::ffff:1.2.3.4", "= ::ffff:1.2.3.4", nullptr, "mapped: 1.2.3.4"},
+    {"ip", "/8", "Invalid IpGenAddr"},
+    {"ip", "abc", "Invalid IpGenAddr"},
+    {"ip", "1.2.3.999", "Invalid IpAddr"},
+    {"ip", "1::2::3", "Ip6Addr: only one '::' allowed"},
+    // Prefixes and addresses with a length.
+    {"ipv4-prefix", "10.0.0.0/8", "= 10.0.0.0/8"},
+    {"ipv4-prefix", "0.0.0.0/0", "= 0.0.0.0/0"},
+    {"ipv4-prefix", "10.0.0.1/8", "Invalid Prefix - non-zero after prefixlen"},
+    {"ipv4-prefix", "10.0.0.0/33", "Invalid Prefix - non-zero after prefixlen"},
+    {"ipv4-prefix", "10.0.0.0/8x", "Invalid Prefix - non-zero after prefixlen"},
+    {"ipv4-prefix", "10.0.0.0/", "premature end of Prefix type"},
+    {"ipv4-prefix", "10.0.0.0", "premature end of Prefix type"},
+    {"ipv4-prefix", "10.0.0.0/x", "premature end of Prefix type"},
+    {"ipv4-with-mask", "10.0.0.1/8", "= 10.0.0.1/8"},
+    {"ipv4-with-mask", "10.0.0.1/40", "= 10.0.0.1/40"},
+    {"ipv6-prefix", "2001:db8::/32", "= 2001:db8::/32"},
+    {"ipv6-prefix", "2001:db8::", "= 2001:db8::/128", nullptr, "isHostRoutePrefix: true"},
+    {"ipv6-prefix", "2001:db8::/129", "Ip6AddrWithMask: prefix too long"},
+    {"ipv6-prefix", "2001:db8::/x", "Ip6AddrWithMask: prefix size expected"},
+    {"ipv6-with-mask", "2001:db8::1/64", "= 2001:db8::1/64", nullptr, "subnet: 2001:db8::/64"},
+    {"ip-prefix", "10.0.0.0/8", "= 10.0.0.0/8", nullptr, "af: ipv4"},
+    {"ip-prefix", "2001:db8::/32", "= 2001:db8::/32", nullptr, "af: ipv6"},
+    {"ip-prefix", "10.0.0.1/8", "Invalid Prefix - non-zero after prefixlen"},
+    {"ip-with-mask", "10.0.0.1/8", "= 10.0.0.1/8", nullptr, "subnet: 10.0.0.0/8"},
+    {"ip-with-mask", "2001:db8::1/64", "= 2001:db8::1/64", nullptr, "af: ipv6"},
+    // Masks: a contiguous IPv6 mask prints as a length, any other as an address.
+    {"ipv6-full-mask", "2001:db8::/ffff::", "= 2001:db8::/16", nullptr, "hasPrefixRepr: true"},
+    {"ipv6-full-mask", "2001:db8::/ffff::ff", "= 2001:db8::/ffff::ff", nullptr, "hasPrefixRepr: false"},
+    {"ipv6-full-mask", "2001:db8::", "Ip6AddrWithFullMask: mask expected"},
+    {"ipv4-full-mask", "Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})",
+     "= Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})", nullptr, "mask: 255"},
+    {"ip-full-mask", "10.0.0.0/24", "= 10.0.0.0/24",
+     "Value('Corvid::IpGenAddrWithFullMask', ** {'address': 10.0.0.0, 'mask': 255.255.255.0})"},
+    {"ip-full-mask", "10.0.0.0/264", "= 10.0.0.0/8",  // the length is kept modulo 256
+     "Value('Corvid::IpGenAddrWithFullMask', ** {'address': 10.0.0.0, 'mask': 255.0.0.0})"},
+    {"ip-full-mask", "10.0.0.0/33", "Invalid IPv4 prefix length"},
+    {"ip-full-mask", "10.0.0.0/8x", "Invalid IPv4 prefix"},
+    // Ethernet: the first separator fixes the form; ':' and '-' bytes, '.' words.
+    {"eth", "00:1c:73:0a:0b:0c", "= 00:1c:73:0a:0b:0c", nullptr, "displayString: 001c.730a.0b0c"},
+    {"eth", "00-1C-73-0A-0B-0C", "= 00:1c:73:0a:0b:0c"},
+    {"eth", "001c.730a.0b0c", "= 00:1c:73:0a:0b:0c"},
+    {"eth", "0:1c:73:a:b:c", "= 00:1c:73:0a:0b:0c", nullptr, "oui: 0x001c73"},
+    {"eth", "ff:ff:ff:ff:ff:ff", "= ff:ff:ff:ff:ff:ff", nullptr, "isMulticast: false"},
+    {"eth", "01:00:5e:00:00:01", "= 01:00:5e:00:00:01", nullptr, "isIp4LinkLocalMulticast: true"},
+    {"eth", "33:33:00:00:00:01", "= 33:33:00:00:00:01", nullptr, "isIp6Multicast: true"},
+    {"eth", "01:80:c2:00:00:10", "= 01:80:c2:00:00:10", nullptr, "isIEEELinkConstrained: false"},
+    {"eth", "01:00:0c:cc:cc:cd", "= 01:00:0c:cc:cc:cd", nullptr, "isIEEELinkConstrained: true"},
+    {"eth", "00:1c-73:0a:0b:0c", "Invalid EthAddr"},
+    {"eth", "00:1c:73:0a:0b", "Invalid EthAddr"},
+    {"eth", "100:1c:73:0a:0b:0c", "Invalid EthAddr"},
+    {"eth", "00:1c:73:0a:0b:0c:0d", "Invalid EthAddr"},
+    {"eth", "", "Invalid EthAddr"},
+    {"eui64", "02:1C:73:FF:FE:0A:0B:0C", "= 02:1c:73:ff:fe:0a:0b:0c"},
+    {"eui64", "021c.73ff.fe0a.0b0c", "= 02:1c:73:ff:fe:0a:0b:0c"},
+    {"eui64", "02:1c:73:ff:fe:0a:0b", "Invalid Eui64"},
+    // MPLS.
+    {"mpls-label", "0", "= 0", nullptr, "prettyString: exp-null-v4(0)"},
+    {"mpls-label", "3", "= 3", nullptr, "prettyString: imp-null(3)"},
+    {"mpls-label", "1048576", "= 1048576", nullptr, "prettyString: N/A"},
+    {"mpls-label", "8388608", "= 8388608", nullptr, "prettyString: (lu-withdraw)"},
+    {"mpls-label", "8388609", "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed"},
+    {"mpls-stack", "TOP ( 200 100 ) BOTTOM", "= TOP ( 200 100 ) BOTTOM",
+     "Value('Corvid::BoundedMplsLabelStack', ** {'stackSize': 2, 'label0': 100, 'label1': 200, 'label2': 1048576, "
+     "'label3': 1048576, 'label4': 1048576, 'label5': 1048576, 'label6': 1048576, 'entropyLabelBitMap': 0, "
+     "'entropyLabelIndicatorBitMap': 0})"},
+    {"mpls-stack", "TOP ( ELI EL 100 ) BOTTOM", "= TOP ( ELI EL 100 ) BOTTOM",
+     "Value('Corvid::BoundedMplsLabelStack', ** {'stackSize': 1, 'label0': 100, 'label1': 1048576, 'label2': 1048576, "
+     "'label3': 1048576, 'label4': 1048576, 'label5': 1048576, 'label6': 1048576, 'entropyLabelBitMap': 2, "
+     "'entropyLabelIndicatorBitMap': 4})",
+     "calculatedStackSize: 3"},
+    // Names and identifiers.
+    {"vrf", "default", "= default", "'default'", "isDefault: true"},
+    {"vrf", "multiple source VRFs", "= multiple source VRFs", "'multiple source VRFs'", "isDefault: false"},
+    {"vrf", vrf100.c_str(), vrf100Outcome.c_str(), vrf100Strep.c_str(), "bytes: 100"},
+    {"vrf", vrf101.c_str(), "VrfName::value::bytes > VrfName::maxLength not allowed"},
+    {"vni", "16777215", "= 16777215", nullptr, "hex: 0xffffff"},
+    {"vni", "00042", "= 42"},
+    {"vni", "16777216", "Vni::value < Vni::min or > Vni::max not allowed"},
+    {"vni", "abc", "Invalid Vni"},
+    {"vni-ext", "2:10000", "= 2:10000", nullptr, "domain: 2"},
+    {"vni-ext", "abc", "Invalid VniExt String"},
+    {"isis-system-id", "1921.6800.1001", "= 1921.6800.1001", nullptr, "isZero: false"},
+    {"isis-system-id", "0000.0000.0000", "= 0000.0000.0000", nullptr, "isZero: true"},
+    {"isis-system-id", "1921-6800.1001", "'.' expected"},
+    {"isis-system-id", "1921.68g0.1001", "Hex digit expected, but got: 'g'"},
+    {"isis-system-id", "1921.6800.1001x", "Unexpected trailing characters"},
+    {"isis-lsp-id", "1921.6800.1001.00-01", "= 1921.6800.1001.00-01", nullptr, "lspFragmentId: 1"},
+    {"isis-lsp-id", "1921.6800.1001.00.01", "'-' expected"},
+    {"isis-lsp-id", "1921.6800.1001.0-01", "Two hex digits expected, but got only 1"},
+    {"isis-area", "49.0001", "= 49.0001", nullptr, "length: 3"},
+    {"intf", "Ethernet1/2", "= Ethernet1/2", "'Ethernet1/2'", "shortName: Et1/2"},
+    {"intf", "Po10", "= Po10", "'Po10'", "fromShortName: Port-Channel10"},
+};
+
+// The report of one text: its echo, then "  name: value" lines.
+std::string reportLine(std::string const& name, std::string const& value) { return "\n  " + name + ": " + value + "\n"; }
+
+void expectValue(ValueCase const& c, std::string const& text) {
+  std::string const where = std::string("corvid value ") + c.type + " '" + text + "'";
+  ToolResult const r = runCorvid({"value", c.type, text});
+  std::string const outcome = c.outcome;
+  if (outcome.rfind("= ", 0) != 0) {
+    EXPECT_EQ(r.status, 1) << where << "\n" << shown(r);
+    EXPECT_EQ(r.out, text + "\n  error: " + outcome + "\n") << where;
+    EXPECT_EQ(r.err, "corvid value: " + text + ": " + outcome + "\n") << where;
+    return;
+  }
+  std::string const canonical = outcome.substr(2);
+  EXPECT_EQ(r.status, 0) << where << "\n" << shown(r);
+  EXPECT_EQ(r.err, "") << where;
+  EXPECT_EQ(r.out.rfind(text + "\n", 0), 0u) << where << "\n" << shown(r);
+  EXPECT_NE(r.out.find(reportLine("text", canonical)), std::string::npos) << where << "\n" << shown(r);
+  EXPECT_NE(r.out.find(reportLine("strep", c.strep ? c.strep : canonical.c_str())), std::string::npos)
+      << where << "\n" << shown(r);
+  if (c.fact) {
+    EXPECT_NE(r.out.find(std::string("\n  ") + c.fact + "\n"), std::string::npos) << where << "\n" << shown(r);
+  }
+}
+
+TEST_F(CorvidTool, Value_PrintsCanonicalTextAndStrepOrTheExactMessage) {
+  for (auto const& c : valueCases) expectValue(c, c.text);
+}
+
+TEST_F(CorvidTool, Value_CanonicalTextReadsBackToItself) {
+  for (auto const& c : valueCases) {
+    std::string const outcome = c.outcome;
+    if (outcome.rfind("= ", 0) == 0) expectValue(c, outcome.substr(2));
+  }
+}
+
+TEST_F(CorvidTool, ValueTypeList_NamesEveryTypeTheTableExercises) {
+  ToolResult const r = runCorvid({"value"});
+  ASSERT_EQ(r.status, 2) << shown(r);
+  std::size_t const from = r.err.find("one of: ");
+  std::size_t const to = r.err.find(')', from);
+  ASSERT_TRUE(from != std::string::npos && to != std::string::npos) << r.err;
+  std::string const list = " " + r.err.substr(from + 8, to - from - 8) + " ";
+  for (auto const& c : valueCases) EXPECT_NE(list.find(std::string(" ") + c.type + " "), std::string::npos) << c.type;
+}
+
+TEST_F(CorvidTool, ValueWithSeveralTexts_ReportsEachInOrderAndFailsIfAnyFails) {
+  ToolResult const r = runCorvid({"value", "ipv4", "10.0.0.1", "10.0.0", "10.0.0.2"});
+  EXPECT_EQ(r.status, 1) << shown(r);
+  std::size_t const first = r.out.find("10.0.0.1\n  text: 10.0.0.1\n");
+  std::size_t const bad = r.out.find("10.0.0\n  error: Invalid IpAddr\n");
+  std::size_t const last = r.out.find("10.0.0.2\n  text: 10.0.0.2\n");
+  EXPECT_TRUE(first != std::string::npos && bad != std::string::npos && last != std::string::npos) << shown(r);
+  EXPECT_LT(first, bad);
+  EXPECT_LT(bad, last);
+  EXPECT_EQ(r.err, "corvid value: 10.0.0: Invalid IpAddr\n");
+
+  ToolResult const good = runCorvid({"value", "ipv4", "10.0.0.1", "10.0.0.2"});
+  EXPECT_EQ(good.status, 0) << shown(good);
+}
+
+// Thomas Wang's 32-bit integer hash, written out from its definition.
+U32 wang(U32 h) {
+  h = h * 32767u - 1u;
+  h ^= h >> 12;
+  h = h * 5u;
+  h ^= h >> 4;
+  h = h * 2057u;
+  h ^= h >> 16;
+  return h;
+}
+
+std::string hexWord(U32 v) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "0x%08x", v);
+  return buf;
+}
+
+TEST_F(CorvidTool, ValueHashes_AreWangHashesOfTheStoredWords) {
+  struct {
+    char const* type;
+    char const* text;
+    U32 hash;
+  } const cases[] = {
+      // IpAddr: the network-order word read as a native (little-endian) integer.
+      {"ipv4", "1.2.3.4", wang(0x04030201u)},
+      {"ipv4", "10.0.0.1", wang(0x0100000au)},
+      // Ip6Addr: chained over the host-order words.
+      {"ipv6", "2001:db8::1", wang(1u ^ wang(0u ^ wang(0u ^ wang(0x20010db8u))))},
+      // EthAddr: ((w0 ^ w1) << 16) | w2.
+      {"eth", "00:1c:73:0a:0b:0c", wang(((0x001cu ^ 0x730au) << 16) | 0x0b0cu)},
+  };
+  for (auto const& c : cases) {
+    ToolResult const r = runCorvid({"value", c.type, c.text});
+    EXPECT_EQ(r.status, 0) << shown(r);
+    EXPECT_NE(r.out.find(reportLine("hash", hexWord(c.hash))), std::string::npos)
+        << c.type << " " << c.text << ": expected " << hexWord(c.hash) << "\n" << shown(r);
+  }
+}
+
+// ---- packet ----------------------------------------------------------------
+
+// RFC 1071 one's-complement sum over 16-bit big-endian words.
+U32 onesSum(std::string const& bytes, U32 sum = 0) {
+  for (std::size_t i = 0; i < bytes.size(); i += 2) {
+    sum += U32(U8(bytes[i])) << 8 | (i + 1 < bytes.size() ? U8(bytes[i + 1]) : 0);
+  }
+  return sum;
+}
+U16 fold(U32 sum) {
+  while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
+  return static_cast<U16>(~sum & 0xffff);
+}
+
+std::string be16(U16 v) { return {static_cast<char>(v >> 8), static_cast<char>(v & 0xff)}; }
+
+// A broadcast Ethernet frame carrying UDP 192.0.2.1:src -> 192.0.2.2:dst over
+// IPv4, both checksums valid.
+struct UdpFrame {
+  U16 srcPort = 1234, dstPort = 5678, identification = 1;
+  std::string payload = "corvid test payload!";
+
+  U16 ipChecksum() const { return fold(onesSum(ipHeader(0))); }
+  U16 udpChecksum() const {
+    std::string const pseudo = std::string("\xc0\x00\x02\x01\xc0\x00\x02\x02\x00\x11", 10) + be16(udpLength());
+    U16 c = fold(onesSum(udp(0), onesSum(pseudo)));
+    return c ? c : 0xffff;
+  }
+  U16 udpLength() const { return static_cast<U16>(8 + payload.size()); }
+  std::string ipHeader(U16 checksum) const {
+    return std::string("\x45\x00", 2) + be16(static_cast<U16>(20 + udpLength())) + be16(identification) +
+           std::string("\x40\x00\x40\x11", 4) + be16(checksum) + std::string("\xc0\x00\x02\x01\xc0\x00\x02\x02", 8);
+  }
+  std::string udp(U16 checksum) const {
+    return be16(srcPort) + be16(dstPort) + be16(udpLength()) + be16(checksum) + payload;
+  }
+  std::string bytes() const {
+    return std::string("\xff\xff\xff\xff\xff\xff\x02\x00\x00\x00\x00\x01\x08\x00", 14) + ipHeader(ipChecksum()) +
+           udp(udpChecksum());
+  }
+};
+
+std::string toHex(std::string const& bytes) {
+  std::string s;
+  char buf[3];
+  for (char c : bytes) {
+    std::snprintf(buf, sizeof buf, "%02x", U8(c));
+    s += buf;
+  }
+  return s;
+}
+
+std::string hex16(U16 v) {
+  char buf[8];
+  std::snprintf(buf, sizeof buf, "0x%04x", v);
+  return buf;
+}
+
+struct PacketCase {
+  char const* what;
+  std::string frame;
+  int status;
+  std::vector<std::string> expected;  // each must appear on stdout
+};
+
+TEST_F(CorvidTool, Packet_DecodesHeadersAndGivesChecksumAndSanityVerdicts) {
+  UdpFrame const f;
+  std::string const good = f.bytes();
+  std::string badIp = good;
+  badIp[14 + 10] ^= 0x5a;
+  std::string badUdp = good;
+  badUdp[34 + 6] ^= 0x01;
+  std::string noUdpChecksum = good;
+  noUdpChecksum[34 + 6] = noUdpChecksum[34 + 7] = 0;
+  std::string const ipLine = " src=192.0.2.1 dst=192.0.2.2 checksum=" + hex16(f.ipChecksum());
+
+  PacketCase const cases[] = {
+      {"a valid UDP/IPv4 frame",
+       good,
+       0,
+       {"frame: 62 bytes\n",
+        "ethernet @0: dst=ff:ff:ff:ff:ff:ff src=02:00:00:00:00:01 ethType=0x0800\n",
+        "ipv4 @14: version=4 headerLength=5 tos=0 totalLength=48 identification=1 df=1 mf=0 fragmentOffset=0 "
+        "ttl=64 protocol=17",
+        ipLine + " (valid)\n",
+        "udp @34: srcPort=1234 dstPort=5678 length=28 checksum=" + hex16(f.udpChecksum()) + " (valid)\n",
+        "payload @42: 20 bytes (udp data)\n",
+        "checkEthIpHdr: 0 (noError)\n"}},
+      {"a corrupted IPv4 header checksum",
+       badIp,
+       1,
+       {"checksum=" + hex16(f.ipChecksum() ^ 0x5a00) + " (invalid, computed " + hex16(f.ipChecksum()) + ")\n",
+        "checkEthIpHdr: -50 (badIpHdrChecksum)\n"}},
+      {"a corrupted UDP checksum",
+       badUdp,
+       1,
+       {"checksum=" + hex16(f.udpChecksum() ^ 0x0100) + " (invalid, computed " + hex16(f.udpChecksum()) + ")\n",
+        "checkEthIpHdr: 0 (noError)\n"}},
+      {"a UDP checksum of zero (none computed)", noUdpChecksum, 0, {"length=28 checksum=none\n"}},
+      {"a frame cut inside the IPv4 header",
+       good.substr(0, 30),
+       1,
+       {"truncated: ipv4 needs 20 bytes at @14, 16 left\n", "checkEthIpHdr: -1 (pktTooShort)\n"}},
+      {"a frame cut inside the UDP header",
+       good.substr(0, 40),
+       1,
+       {ipLine + " (valid)\n", "note: total length runs past the frame\n",
+        "truncated: udp needs 8 bytes at @34, 6 left\n", "checkEthIpHdr: -51 (badIpPayloadLen)\n"}},
+      {"a frame shorter than an Ethernet header", good.substr(0, 10), 1, {"truncated: ethernet needs 14 bytes at @0, 10 left\n"}},
+      {"an empty frame", "", 1, {"frame: 0 bytes\n", "truncated: ethernet needs 14 bytes at @0, 0 left\n"}},
+  };
+  for (auto const& c : cases) {
+    ToolResult const r = runCorvid({"packet", toHex(c.frame)});
+    EXPECT_EQ(r.status, c.status) << c.what << "\n" << shown(r);
+    EXPECT_EQ(r.err, "") << c.what;
+    for (auto const& e : c.expected) EXPECT_NE(r.out.find(e), std::string::npos) << c.what << ": " << e << "\n" << shown(r);
+  }
+}
+
+TEST_F(CorvidTool, PacketHex_AcceptsPrefixesSeparatorsAndSplitWords) {
+  std::string const hex = toHex(UdpFrame().bytes());
+  ToolResult const plain = runCorvid({"packet", hex});
+  ASSERT_EQ(plain.status, 0) << shown(plain);
+  std::string colons;
+  for (std::size_t i = 0; i < hex.size(); i += 2) {
+    if (i) colons += ':';
+    colons.append(hex, i, 2);
+  }
+  std::vector<std::vector<std::string>> const spellings = {
+      {"packet", "0x" + hex},
+      {"packet", colons},
+      {"packet", hex.substr(0, 28), "0X" + hex.substr(28, 40), hex.substr(68)},
+      {"packet", "ffff.ffff.ffff-0200.0000.0001-" + hex.substr(24)},
+  };
+  for (auto const& args : spellings) {
+    ToolResult const r = runCorvid(args);
+    EXPECT_EQ(r.status, 0) << args[1] << "\n" << shown(r);
+    EXPECT_EQ(r.out, plain.out) << args[1];
+  }
+}
+
+TEST_F(CorvidTool, PacketWithBadHex_ExitsOneWithAMessageAndNoDecode) {
+  std::string const hex = toHex(UdpFrame().bytes());
+  for (std::string const& bad : std::vector<std::string>{"zz", hex + "g0", hex + "0", "12 3", "0x0g"}) {
+    ToolResult const r = runCorvid({"packet", bad});
+    EXPECT_EQ(r.status, 1) << "'" << bad << "'\n" << shown(r);
+    EXPECT_EQ(r.out, "") << bad;
+    EXPECT_EQ(r.err.rfind("corvid packet: ", 0), 0u) << bad << "\n" << shown(r);
+  }
+}
+
+// ---- capture and send, inside a private network namespace --------------------
+
+// stderr less the line the raw-socket manager writes when it goes away.
+std::string diagnostics(std::string err) {
+  std::string const managerGone = "in RawSocket::~Manager()\n";
+  for (std::size_t at; (at = err.find(managerGone)) != std::string::npos;) err.erase(at, managerGone.size());
+  return err;
+}
+
+// Whether a packet socket is bound to the interface, as the kernel lists
+// them for this thread's namespace.
+bool packetSocketBoundTo(std::string const& intf) {
+  unsigned const index = if_nametoindex(intf.c_str());
+  std::ifstream table("/proc/thread-self/net/packet");
+  std::string line;
+  std::getline(table, line);  // column names
+  while (std::getline(table, line)) {
+    std::istringstream fields(line);
+    std::string sk, refs, type, proto;
+    unsigned iface = 0;
+    if (fields >> sk >> refs >> type >> proto >> iface && index != 0 && iface == index) return true;
+  }
+  return false;
+}
+
+class CorvidToolInNamespace : public CorvidTool {
+ protected:
+  void SetUp() override {
+    CorvidTool::SetUp();
+    if (HasFatalFailure()) return;
+    CORVID_REQUIRE_NETNS(ns_);
+    ASSERT_TRUE(ns_.vethPair("cv0", "cv1"));
+  }
+  CorvidTest::NetnsScope ns_;
+};
+
+TEST_F(CorvidToolInNamespace, SendAndCapture_RoundTripTwoFramesOverAVethPair) {
+  UdpFrame first, second;
+  first.srcPort = 1111;
+  first.dstPort = 2222;
+  second.srcPort = 3333;
+  second.dstPort = 4444;
+  second.identification = 2;
+
+  ToolProcess capture({"capture", "--intf", "cv0", "--count", "2", "--seconds", "5"});
+  ASSERT_TRUE(capture.started());
+  // Frames sent before the capture binds its socket would be lost.
+  for (int i = 0; i < 200 && !packetSocketBoundTo("cv0") && !capture.exited(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_TRUE(packetSocketBoundTo("cv0")) << shown(capture.finish(1));
+
+  for (auto const* f : {&first, &second}) {
+    ToolResult const sent = runCorvid({"send", "--intf", "cv1", toHex(f->bytes())});
+    EXPECT_EQ(sent.status, 0) << shown(sent);
+    EXPECT_EQ(sent.out, "sent 62 bytes\n");
+    EXPECT_EQ(diagnostics(sent.err), "");
+  }
+  ToolResult const r = capture.finish(10);
+  ASSERT_FALSE(r.timedOut) << shown(r);
+  EXPECT_EQ(r.status, 0) << shown(r);
+  EXPECT_EQ(diagnostics(r.err), "");
+  std::size_t const one = r.out.find("frame 1: 62 bytes\n");
+  std::size_t const two = r.out.find("frame 2: 62 bytes\n");
+  std::size_t const firstUdp =
+      r.out.find("udp @34: srcPort=1111 dstPort=2222 length=28 checksum=" + hex16(first.udpChecksum()) + " (valid)\n");
+  std::size_t const secondUdp =
+      r.out.find("udp @34: srcPort=3333 dstPort=4444 length=28 checksum=" + hex16(second.udpChecksum()) + " (valid)\n");
+  ASSERT_TRUE(one != std::string::npos && two != std::string::npos) << shown(r);
+  ASSERT_TRUE(firstUdp != std::string::npos && secondUdp != std::string::npos) << shown(r);
+  EXPECT_LT(one, firstUdp);
+  EXPECT_LT(firstUdp, two);
+  EXPECT_LT(two, secondUdp);
+  EXPECT_NE(r.out.find("identification=2 "), std::string::npos);
+  EXPECT_NE(r.out.find("\n2 frames\n"), std::string::npos) << shown(r);
+}
+
+TEST_F(CorvidToolInNamespace, CaptureWithoutTraffic_StopsWhenItsSecondsRunOut) {
+  auto const start = std::chrono::steady_clock::now();
+  ToolResult const r = runCorvid({"capture", "--intf", "cv0", "--count", "1", "--seconds", "1"}, 10);
+  double const took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_FALSE(r.timedOut) << shown(r);
+  EXPECT_EQ(r.status, 0) << shown(r);
+  EXPECT_NE(r.out.find("\n0 frames\n"), std::string::npos) << shown(r);
+  EXPECT_GE(took, 0.9);
+}
+
+TEST_F(CorvidToolInNamespace, MissingInterface_ExitsOneWithTheSystemReason) {
+  UsageCase const cases[] = {
+      {{"capture", "--intf", "nosuch0", "--count", "1", "--seconds", "1"}, "corvid capture: nosuch0: "},
+      {{"send", "--intf", "nosuch0", "00"}, "corvid send: "},
+  };
+  for (auto const& c : cases) {
+    ToolResult const r = runCorvid(c.args);
+    EXPECT_EQ(r.status, 1) << c.args[0] << "\n" << shown(r);
+    EXPECT_EQ(r.err.rfind(c.message, 0), 0u) << shown(r);
+    EXPECT_NE(r.err.find(": No such device\n"), std::string::npos) << shown(r);
+  }
+}
+
+TEST_F(CorvidToolInNamespace, SendTo_DeliversThePayloadToAnIndependentRawReceiver) {
+  int const rx = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, 253);
+  ASSERT_GE(rx, 0);
+  timeval tv{2, 0};
+  setsockopt(rx, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  ToolResult const r = runCorvid({"send", "--to", "127.0.0.1", "--protocol", "253", "636f72766964"});
+  EXPECT_EQ(r.status, 0) << shown(r);
+  EXPECT_EQ(r.out, "sent 6 bytes\n");
+  EXPECT_EQ(diagnostics(r.err), "");
+  char buf[256];
+  ssize_t const n = recv(rx, buf, sizeof buf, 0);
+  close(rx);
+  ASSERT_EQ(n, 26) << "a raw IPv4 socket receives the IP header and the payload";
+  EXPECT_EQ(std::string(buf + 20, 6), "corvid");
+  EXPECT_EQ(U8(buf[9]), 253);
+}
+
+TEST_F(CorvidTool, Demo_RunsEveryStepAndSucceeds) {
+  ToolResult const r = runCorvid({"demo"}, 30);
+  EXPECT_EQ(r.status, 0) << shown(r);
+  for (char const* step : {"$ corvid value ip 10.1.2.3", "  error: Invalid IpAddr\n", "$ corvid packet ",
+                           "checkEthIpHdr: 0 (noError)\n"}) {
+    EXPECT_NE(r.out.find(step), std::string::npos) << step << "\n" << shown(r);
+  }
+}
+
+}  // namespace

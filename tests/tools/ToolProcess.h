@@ -1,0 +1,156 @@
+// Test support: run the built `corvid` binary as a child process and collect
+// what it printed on stdout and stderr and how it exited.
+//
+// ToolProcess starts the tool with fork and exec (no shell, so arguments
+// reach it byte for byte), reads both pipes with poll so a chatty child can
+// never block on a full pipe, and kills the child if it outlives the
+// deadline given to finish(), so a hung tool fails the test instead of
+// hanging it. The child inherits the caller's network namespace, which is
+// how the endpoint tests put it inside their private namespace.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace CorvidTest {
+
+// How a run ended. status is the exit code, or 128 + the signal number when
+// the child was killed by one (as a shell reports it), or -1 when it could
+// not be started.
+struct ToolResult {
+  int status = -1;
+  std::string out;
+  std::string err;
+  bool timedOut = false;
+};
+
+// The build tree: CORVID_TEST_BINARY_DIR when set, else the directory above
+// the running test's own (test executables live in <build>/tests).
+inline std::string buildDir() {
+  if (char const* dir = std::getenv("CORVID_TEST_BINARY_DIR")) return dir;
+  char exe[4096];
+  ssize_t const n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  std::string path(exe, n > 0 ? static_cast<std::size_t>(n) : 0);
+  for (int up = 0; up < 2; ++up) {
+    std::size_t const slash = path.find_last_of('/');
+    path.erase(slash == std::string::npos ? 0 : slash);
+  }
+  return path;
+}
+
+// The tool inside the build tree; empty when the build dir is not known.
+inline std::string corvidBinary() {
+  std::string const dir = buildDir();
+  return dir.empty() ? dir : dir + "/tools/corvid/corvid";
+}
+
+class ToolProcess {
+ public:
+  explicit ToolProcess(std::vector<std::string> const& args, std::string const& binary = corvidBinary()) {
+    int outPipe[2], errPipe[2];
+    if (binary.empty() || pipe2(outPipe, O_CLOEXEC) != 0) return;
+    if (pipe2(errPipe, O_CLOEXEC) != 0) {
+      close(outPipe[0]);
+      close(outPipe[1]);
+      return;
+    }
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(binary.c_str()));
+    for (auto const& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(outPipe[1], STDOUT_FILENO);
+      dup2(errPipe[1], STDERR_FILENO);
+      execv(binary.c_str(), argv.data());
+      _exit(127);
+    }
+    close(outPipe[1]);
+    close(errPipe[1]);
+    outFd_ = outPipe[0];
+    errFd_ = errPipe[0];
+    if (pid_ < 0) closePipes();
+  }
+  ~ToolProcess() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    closePipes();
+  }
+  ToolProcess(ToolProcess const&) = delete;
+  ToolProcess& operator=(ToolProcess const&) = delete;
+
+  bool started() const { return pid_ > 0; }
+
+  // True once the child has exited (it is not reaped here).
+  bool exited() const {
+    siginfo_t info{};
+    return pid_ > 0 && waitid(P_PID, pid_, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid_;
+  }
+
+  // Reads both streams to their end and reaps the child; kills it first
+  // when it is still running after `seconds`.
+  ToolResult finish(double seconds = 10) {
+    ToolResult r;
+    if (pid_ <= 0) return r;
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (outFd_ >= 0 || errFd_ >= 0) {
+      auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0) {
+        r.timedOut = true;
+        kill(pid_, SIGKILL);
+        break;
+      }
+      pollfd p[2] = {{outFd_, POLLIN, 0}, {errFd_, POLLIN, 0}};
+      if (poll(p, 2, static_cast<int>(left.count())) < 0) break;
+      drain(p[0], outFd_, r.out);
+      drain(p[1], errFd_, r.err);
+    }
+    closePipes();
+    int status = 0;
+    if (waitpid(pid_, &status, 0) == pid_) {
+      r.status = WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+    }
+    pid_ = -1;
+    return r;
+  }
+
+ private:
+  static void drain(pollfd const& p, int& fd, std::string& into) {
+    if (fd < 0 || !(p.revents & (POLLIN | POLLHUP | POLLERR))) return;
+    char buf[4096];
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n > 0) {
+      into.append(buf, static_cast<std::size_t>(n));
+    } else {
+      close(fd);
+      fd = -1;
+    }
+  }
+  void closePipes() {
+    for (int* fd : {&outFd_, &errFd_}) {
+      if (*fd >= 0) close(*fd);
+      *fd = -1;
+    }
+  }
+
+  pid_t pid_ = -1;
+  int outFd_ = -1;
+  int errFd_ = -1;
+};
+
+// Runs the tool to completion.
+inline ToolResult runCorvid(std::vector<std::string> const& args, double seconds = 10) {
+  return ToolProcess(args).finish(seconds);
+}
+
+}  // namespace CorvidTest
