@@ -73,15 +73,7 @@ void DatagramPam::txPktIsImpl(Brio::Ptr<Pkt> const& pkt) {
   to.sin_family = AF_INET;
   to.sin_addr.s_addr = txAddr_.networkOrder();
   to.sin_port = htons(txPort_);
-  try {
-    if (socket_->sendPkt(pkt, to) < 0) {
-      txErrnoIs(EAGAIN);
-      txDropsInc(1);
-    }
-  } catch (Brio::ErrnoException const& e) {
-    txErrnoIs(static_cast<U32>(e.errorNumber()));
-    txErrorsInc(1);
-  }
+  txCounted([&] { return socket_->sendPkt(pkt, to); });
 }
 
 }  // namespace Corvid

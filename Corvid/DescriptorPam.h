@@ -15,6 +15,7 @@
 #include <Brio/Exception.h>
 #include <Corvid/Pam.h>
 
+#include <cerrno>
 #include <vector>
 
 namespace Corvid {
@@ -55,6 +56,21 @@ class DescriptorPam : public Pam {
   bool rxPktSavedTake();
   // Records a failed call in reason and rxErrors.
   void rxFailure(Brio::Exception const& e);
+  // Runs one send (returning the byte count, or a negative result on
+  // EAGAIN, and raising Brio::ErrnoException otherwise) and counts what
+  // failed: EAGAIN in txDrops, other errors in txErrors; both set txErrno.
+  template <class Send>
+  void txCounted(Send&& send) {
+    try {
+      if (send() < 0) {
+        txErrnoIs(EAGAIN);
+        txDropsInc(1);
+      }
+    } catch (Brio::ErrnoException const& e) {
+      txErrnoIs(static_cast<U32>(e.errorNumber()));
+      txErrorsInc(1);
+    }
+  }
 
  private:
   bool enabled_ = false;

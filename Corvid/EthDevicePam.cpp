@@ -68,15 +68,7 @@ void EthDevicePam::txPktIsImpl(Brio::Ptr<Pkt> const& pkt) {
     txDropsInc(1);
     return;
   }
-  try {
-    if (socket_->sendFrame(pkt) < 0) {
-      txErrnoIs(EAGAIN);
-      txDropsInc(1);
-    }
-  } catch (Brio::ErrnoException const& e) {
-    txErrnoIs(static_cast<U32>(e.errorNumber()));
-    txErrorsInc(1);
-  }
+  txCounted([&] { return socket_->sendFrame(pkt); });
 }
 
 }  // namespace Corvid
