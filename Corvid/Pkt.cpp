@@ -396,35 +396,45 @@ constexpr bool blockCacheOn = true;
 struct BlockCache {
   std::size_t blockBytes;
   U32 count;
-  bool closed;
   void* blocks[blockCacheSlots];
 };
-thread_local BlockCache blockCache;
+// The buffers' blocks, and the Pkt objects themselves (made and dropped at
+// the same rate). initial-exec: a plain %fs-relative access per packet
+// instead of a __tls_get_addr call; the library is linked with its
+// programs, not loaded late with dlopen.
+struct ThreadBlocks {
+  BlockCache buffers;
+  BlockCache packets;
+  bool closerArmed;
+  bool closed;
+};
+__attribute__((tls_model("initial-exec"))) thread_local ThreadBlocks threadBlocks;
 
 struct BlockCacheCloser {
   ~BlockCacheCloser() {
-    while (blockCache.count) ::operator delete(blockCache.blocks[--blockCache.count]);
-    blockCache.closed = true;
+    for (BlockCache* c : {&threadBlocks.buffers, &threadBlocks.packets}) {
+      while (c->count) ::operator delete(c->blocks[--c->count]);
+    }
+    threadBlocks.closed = true;
   }
 };
 thread_local BlockCacheCloser blockCacheCloser;
 
-void* blockAllocate(std::size_t bytes) {
-  BlockCache& c = blockCache;
+void* blockAllocate(BlockCache& c, std::size_t bytes) {
   if (c.count && c.blockBytes == bytes) return c.blocks[--c.count];
   return ::operator new(bytes);
 }
 
-void blockRelease(void* block, std::size_t bytes) {
-  BlockCache& c = blockCache;
-  if (!blockCacheOn || c.closed || c.count == blockCacheSlots || (c.count && c.blockBytes != bytes)) {
+void blockRelease(BlockCache& c, void* block, std::size_t bytes) {
+  if (!blockCacheOn || threadBlocks.closed || c.count == blockCacheSlots || (c.count && c.blockBytes != bytes)) {
     ::operator delete(block);
     return;
   }
-  if (c.count == 0) {
-    static_cast<void>(&blockCacheCloser);  // made on first use, closes the cache at thread exit
-    c.blockBytes = bytes;
+  if (!threadBlocks.closerArmed) {
+    threadBlocks.closerArmed = true;
+    static_cast<void>(&blockCacheCloser);  // made once per thread, closes the caches at thread exit
   }
+  c.blockBytes = bytes;
   c.blocks[c.count++] = block;
 }
 
@@ -432,7 +442,7 @@ void blockRelease(void* block, std::size_t bytes) {
 
 void* Pkt::SharedBuffer::operator new(std::size_t objectBytes, U32 dataSize) {
   std::size_t const bytes = blockPrefix + objectBytes + dataSize;
-  auto* block = static_cast<U8*>(blockAllocate(bytes));
+  auto* block = static_cast<U8*>(blockAllocate(threadBlocks.buffers, bytes));
   std::memcpy(block, &bytes, sizeof bytes);
   return block + blockPrefix;
 }
@@ -441,9 +451,13 @@ void Pkt::SharedBuffer::operator delete(void* p) {
   U8* const block = static_cast<U8*>(p) - blockPrefix;
   std::size_t bytes;
   std::memcpy(&bytes, block, sizeof bytes);
-  blockRelease(block, bytes);
+  blockRelease(threadBlocks.buffers, block, bytes);
 }
 
 void Pkt::SharedBuffer::operator delete(void* p, U32) { operator delete(p); }
+
+void* Pkt::operator new(std::size_t bytes) { return blockAllocate(threadBlocks.packets, bytes); }
+
+void Pkt::operator delete(void* p, std::size_t bytes) { blockRelease(threadBlocks.packets, p, bytes); }
 
 }  // namespace Corvid

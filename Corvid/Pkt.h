@@ -175,6 +175,10 @@ class Pkt : public Brio::PtrInterface {
   // Aborts when the guard words around the private head buffer were overwritten.
   void checkMagic() const;
 
+  // Packets come from a per-thread cache of freed Pkt objects (see Pkt.cpp).
+  static void* operator new(std::size_t bytes);
+  static void operator delete(void* p, std::size_t bytes);
+
  protected:
   ~Pkt() override;
 
