@@ -139,6 +139,19 @@ TEST_F(DatagramPamTest, VanishedPeerDoesNotDisturbTheEndpoint) {
   EXPECT_TRUE(am_.runUntil([&] { return owner.got.size() == 1; }, 2));
 }
 
+TEST_F(DatagramPamTest, PullingAnEmptySocketIsQuietAndCountsNothing) {
+  auto pam = DatagramPam::datagramPamFactory("udp", localhost, 0);
+  pam->enabledIs(true);
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 10000; ++i) ASSERT_FALSE(pam->rxPkt());  // EAGAIN every time
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(pam->rxErrors() + pam->rxDrops(), 0u);
+  Peer peer;
+  peer.sendTo(pam->boundPort(), "after the storm");
+  Brio::Ptr<Corvid::Pkt> pkt;
+  EXPECT_TRUE(am_.runUntil([&] { return bool(pkt = pam->rxPkt()); }, 2));
+}
+
 TEST_F(DatagramPamTest, FailedEnableKeepsTheReasonAndStaysDisabled) {
   auto pam = DatagramPam::datagramPamFactory("udp", IpAddr(192, 0, 2, 1), 0);  // not ours
   int before = CorvidTest::openDescriptors();

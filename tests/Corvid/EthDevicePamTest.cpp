@@ -87,6 +87,21 @@ TEST_F(EthDevicePamTest, MissingInterfaceLeavesTheEndpointDisabledWithTheReason)
   EXPECT_EQ(pam->reason(), Brio::String("ioctl(SIOCGIFINDEX): No such device"));
 }
 
+TEST_F(EthDevicePamTest, EachEnableKeepsOnlyTheSocketsDeliberateQueryDescriptor) {
+  auto pam = EthDevicePam::ethDevicePamFactory("eth", "cv0");
+  pam->enabledIs(true);
+  pam->enabledIs(false);
+  int before = CorvidTest::openDescriptors();
+  for (int i = 0; i < 3; ++i) {
+    pam->enabledIs(true);
+    ASSERT_TRUE(pam->enabled());
+    pam->enabledIs(false);
+  }
+  // Every EthSocket leaves its interface-query socket open on purpose; the
+  // packet socket itself closes with the endpoint.
+  EXPECT_EQ(CorvidTest::openDescriptors(), before + 3);
+}
+
 TEST_F(EthDevicePamTest, InterfaceRemovedWhileEnabledIsCountedNotThrown) {
   auto pam = EthDevicePam::ethDevicePamFactory("eth", "cv0");
   BatchOwner owner(pam);
