@@ -44,11 +44,11 @@ bool parseLevels(std::string const& text, U16* mask) {
   return true;
 }
 
-bool parseSpec(std::string const& spec, std::vector<Rule>* rules) {
+bool parseRules(std::string const& text, std::vector<Rule>* rules) {
   std::size_t start = 0;
-  while (start <= spec.size()) {
-    auto comma = spec.find(',', start);
-    std::string item = spec.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+  while (start <= text.size()) {
+    auto comma = text.find(',', start);
+    std::string item = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
     if (!item.empty()) {
       auto eq = item.find('=');
       if (eq == std::string::npos || eq == 0) return false;
@@ -72,7 +72,7 @@ State& state() {
   static State* s = [] {
     auto* st = new State;  // never destroyed: facilities outlive static destructors
     if (char const* env = std::getenv("GLIMMER_TRACE")) {
-      if (!parseSpec(env, &st->rules)) std::fprintf(stderr, "Glimmer: malformed GLIMMER_TRACE '%s'\n", env);
+      if (!parseRules(env, &st->rules)) std::fprintf(stderr, "Glimmer: malformed GLIMMER_TRACE '%s'\n", env);
     }
     if (char const* file = std::getenv("GLIMMER_TRACE_FILE"); file && *file) {
       if (FILE* f = std::fopen(file, "a")) st->sink = f;
@@ -95,9 +95,9 @@ Facility& facility(std::string const& name) {
   return *slot;
 }
 
-bool enable(std::string const& spec) {
+bool enable(std::string const& text) {
   std::vector<Rule> rules;
-  if (!parseSpec(spec, &rules)) return false;
+  if (!parseRules(text, &rules)) return false;
   State& s = state();
   std::lock_guard lock(s.mutex);
   for (auto& [name, f] : s.facilities) applyRules(*f, rules);

@@ -44,10 +44,10 @@ class Facility {
 // first use. The reference stays valid for the life of the process.
 Facility& facility(std::string const& name);
 
-// Applies a level specification in the GLIMMER_TRACE syntax to the existing
+// Applies level settings in the GLIMMER_TRACE syntax to the existing
 // facilities and to those made later. Returns false, changing nothing, when
 // the text is malformed.
-bool enable(std::string const& spec);
+bool enable(std::string const& settings);
 // Enables levels 0..maxLevel of one facility (-1 disables it).
 void enable(std::string const& name, int maxLevel);
 

@@ -46,7 +46,7 @@ TEST(Glimmer, EnabledLinesAreCapturedWithFacilityAndLevel) {
   EXPECT_EQ(capture.text(), "GlimmerTestLoud[4] connect: sd=7\n");
 }
 
-TEST(Glimmer, SpecSyntaxSetsRangesAndRejectsMalformedText) {
+TEST(Glimmer, SettingSyntaxSetsRangesAndRejectsMalformedText) {
   EXPECT_TRUE(Glimmer::enable("GlimmerTestSpec=2-3"));
   auto& f = Glimmer::facility("GlimmerTestSpec");
   EXPECT_FALSE(f.enabled(1));
@@ -56,7 +56,7 @@ TEST(Glimmer, SpecSyntaxSetsRangesAndRejectsMalformedText) {
   EXPECT_FALSE(Glimmer::enable("GlimmerTestSpec=9-2"));
   EXPECT_FALSE(Glimmer::enable("=3"));
   EXPECT_FALSE(Glimmer::enable("GlimmerTestSpec"));
-  EXPECT_TRUE(f.enabled(2));  // a rejected spec changes nothing
+  EXPECT_TRUE(f.enabled(2));  // a rejected setting changes nothing
   EXPECT_TRUE(Glimmer::enable("GlimmerTestLater=0"));
   EXPECT_TRUE(Glimmer::facility("GlimmerTestLater").enabled(0));  // made after the rule
 }
