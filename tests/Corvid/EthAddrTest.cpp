@@ -5,7 +5,6 @@
 
 #include <cctype>
 #include <cstring>
-#include <set>
 #include <sstream>
 #include <string>
 #include <unordered_set>
@@ -22,41 +21,37 @@ using Corvid::Eui64U8Key;
 namespace {
 
 // A slow reference: split on the first separator, every group hex, fixed
-// count, each within its width.
-bool referenceParse(std::string const& text, unsigned bytesWanted, std::string* canonical) {
-  std::size_t firstSep = text.find_first_not_of("0123456789abcdefABCDEF");
-  if (firstSep == 0 || firstSep == std::string::npos) return false;
-  char sep = text[firstSep];
-  if (sep != ':' && sep != '-' && sep != '.') return false;
-  unsigned width = sep == '.' ? 2 : 1;
+// count, each within its width. The canonical text, or "" when refused.
+std::string referenceParse(std::string const& text, unsigned bytesWanted) {
+  std::size_t const firstSep = text.find_first_not_of("0123456789abcdefABCDEF");
+  if (firstSep == 0 || firstSep == std::string::npos) return "";
+  char const sep = text[firstSep];
+  if (sep != ':' && sep != '-' && sep != '.') return "";
+  unsigned long const max = sep == '.' ? 0xffff : 0xff;
   std::vector<unsigned> bytes;
   std::size_t start = 0;
-  while (bytes.size() < bytesWanted) {
+  while (true) {
     std::size_t stop = start;
-    while (stop < text.size() && std::isxdigit(static_cast<unsigned char>(text[stop]))) ++stop;
-    if (stop == start) return false;
     unsigned long v = 0;
-    for (std::size_t i = start; i < stop; ++i) {
-      v = v * 16 + std::stoul(std::string(1, text[i]), nullptr, 16);
-      if (v > (width == 2 ? 0xffffUL : 0xffUL)) return false;
+    for (; stop < text.size() && std::isxdigit(static_cast<unsigned char>(text[stop])); ++stop) {
+      v = v * 16 + std::stoul(std::string(1, text[stop]), nullptr, 16);
+      if (v > max) return "";
     }
-    if (width == 2) bytes.push_back(static_cast<unsigned>(v >> 8));
+    if (stop == start) return "";
+    if (max == 0xffff) bytes.push_back(static_cast<unsigned>(v >> 8));
     bytes.push_back(static_cast<unsigned>(v & 0xff));
-    if (bytes.size() >= bytesWanted) {
-      start = stop;
-      break;
-    }
-    if (stop >= text.size() || text[stop] != sep) return false;
     start = stop + 1;
+    if (bytes.size() >= bytesWanted) break;
+    if (stop >= text.size() || text[stop] != sep) return "";
   }
-  if (start != text.size()) return false;
+  if (start != text.size() + 1) return "";
+  std::string canonical;
   char buf[4];
-  canonical->clear();
   for (std::size_t i = 0; i < bytes.size(); ++i) {
     std::snprintf(buf, sizeof buf, "%s%02x", i ? ":" : "", bytes[i]);
-    *canonical += buf;
+    canonical += buf;
   }
-  return true;
+  return canonical;
 }
 
 struct ParseCase {
@@ -64,120 +59,91 @@ struct ParseCase {
   char const* canonical;  // nullptr: the text is refused
 };
 
-ParseCase const ethCases[] = {
-    {"00:1c:73:0a:0b:0c", "00:1c:73:0a:0b:0c"},
-    {"00-1c-73-0a-0b-0c", "00:1c:73:0a:0b:0c"},
-    {"001c.730a.0b0c", "00:1c:73:0a:0b:0c"},
-    {"0:1c:73:a:b:c", "00:1c:73:0a:0b:0c"},
-    {"00:1C:73:0A:0B:0C", "00:1c:73:0a:0b:0c"},
-    {"1c.730a.b0c", "00:1c:73:0a:0b:0c"},
-    {"ff:ff:ff:ff:ff:ff", "ff:ff:ff:ff:ff:ff"},
-    {"FFFF.FFFF.FFFF", "ff:ff:ff:ff:ff:ff"},
-    {"000000ff:1:2:3:4:5", "ff:01:02:03:04:05"},
-    {"00:1c-73:0a:0b:0c", nullptr},
-    {"00:1c:73:0a:0b", nullptr},
-    {"100:1c:73:0a:0b:0c", nullptr},
-    {"10000.0.0", nullptr},
-    {"001c730a0b0c", nullptr},
-    {"00 1c 73 0a 0b 0c", nullptr},
-    {":00:1c:73:0a:0b:0c", nullptr},
-    {"00::73:0a:0b:0c", nullptr},
-    {"00:1c:73:0a:0b:", nullptr},
-    {"001c.730a", nullptr},
-    {"001c.730a.", nullptr},
-    {"g0:1c:73:0a:0b:0c", nullptr},
-    {"", nullptr},
-    {"00:1c:73:0a:0b:0c:", nullptr},
-    {"00:1c:73:0a:0b:0cx", nullptr},
-};
-
-TEST(EthAddrText, TableReadsAndPrintsCanonically) {
-  for (auto const& c : ethCases) {
+// Each row read into a value holding `seed`: the canonical text or the
+// refusal, agreeing with the reference; a good text round-trips, and every
+// cut of it reads as the reference says without looking past the cut.
+template <class T>
+void checkParseTable(std::vector<ParseCase> const& cases, unsigned bytes, char const* refusal, T const& seed) {
+  for (auto const& c : cases) {
     SCOPED_TRACE(c.text);
-    std::string ref;
-    bool refOk = referenceParse(c.text, 6, &ref);
-    EXPECT_EQ(refOk, c.canonical != nullptr);
-    EthAddr a(0x1111, 0x2222, 0x3333);
-    if (c.canonical) {
-      a.stringValueIs(c.text);
-      EXPECT_EQ(a.stringValue(), c.canonical);
-      EXPECT_EQ(ref, c.canonical);
-      expectStrepRoundTrip(a);
-      std::ostringstream os;
-      os << a;
-      EXPECT_EQ(os.str(), c.canonical);
-    } else {
-      EXPECT_EQ(errorOf([&] { a.stringValueIs(c.text); }), "Invalid EthAddr");
-      EXPECT_EQ(a, EthAddr(0x1111, 0x2222, 0x3333)) << "a failed stringValueIs changed the value";
+    EXPECT_EQ(referenceParse(c.text, bytes), c.canonical ? c.canonical : "");
+    T v = seed;
+    if (!c.canonical) {
+      EXPECT_EQ(errorOf([&] { v.stringValueIs(c.text); }), refusal);
+      EXPECT_EQ(v, seed) << "a failed stringValueIs changed the value";
+      continue;
     }
+    v.stringValueIs(c.text);
+    EXPECT_EQ(v.stringValue(), c.canonical);
+    EXPECT_EQ(expectStrepRoundTrip(v), c.canonical);
+    std::ostringstream os;
+    os << v;
+    EXPECT_EQ(os.str(), c.canonical);
+    forEachCut({c.text}, [&](Brio::String const& cut) {
+      std::string const ref = referenceParse(cut.str(), bytes);
+      EXPECT_EQ(strepOutcome<T>(cut.str()), ref.empty() ? refusal : "= " + ref) << cut.str();
+    });
   }
+}
+
+TEST(EthAddrText, TableReadsPrintsCanonicallyAndCutsAgreeWithTheReference) {
+  checkParseTable<EthAddr>({{"00:1c:73:0a:0b:0c", "00:1c:73:0a:0b:0c"}, {"00-1c-73-0a-0b-0c", "00:1c:73:0a:0b:0c"},
+                            {"001c.730a.0b0c", "00:1c:73:0a:0b:0c"},    {"0:1c:73:a:b:c", "00:1c:73:0a:0b:0c"},
+                            {"00:1C:73:0A:0B:0C", "00:1c:73:0a:0b:0c"}, {"1c.730a.b0c", "00:1c:73:0a:0b:0c"},
+                            {"ff:ff:ff:ff:ff:ff", "ff:ff:ff:ff:ff:ff"}, {"FFFF.FFFF.FFFF", "ff:ff:ff:ff:ff:ff"},
+                            {"000000ff:1:2:3:4:5", "ff:01:02:03:04:05"}, {"00:1c-73:0a:0b:0c", nullptr},
+                            {"00:1c:73:0a:0b", nullptr},     {"100:1c:73:0a:0b:0c", nullptr}, {"10000.0.0", nullptr},
+                            {"001c730a0b0c", nullptr},       {"00 1c 73 0a 0b 0c", nullptr},
+                            {":00:1c:73:0a:0b:0c", nullptr}, {"00::73:0a:0b:0c", nullptr},
+                            {"00:1c:73:0a:0b:", nullptr},    {"001c.730a", nullptr},  {"001c.730a.", nullptr},
+                            {"g0:1c:73:0a:0b:0c", nullptr},  {"", nullptr},           {"00:1c:73:0a:0b:0c:", nullptr},
+                            {"00:1c:73:0a:0b:0cx", nullptr}},
+                           6, "Invalid EthAddr", EthAddr(0x1111, 0x2222, 0x3333));
+}
+
+TEST(Eui64Text, TableReadsPrintsAndRefusesWithItsOwnMessage) {
+  checkParseTable<Eui64>({{"02:1c:73:ff:fe:0a:0b:0c", "02:1c:73:ff:fe:0a:0b:0c"},
+                          {"02-1C-73-FF-FE-0A-0B-0C", "02:1c:73:ff:fe:0a:0b:0c"},
+                          {"021c.73ff.fe0a.0b0c", "02:1c:73:ff:fe:0a:0b:0c"},
+                          {"2:1c:73:ff:fe:a:b:c", "02:1c:73:ff:fe:0a:0b:0c"},
+                          {"02:1c:73:ff:fe:0a:0b", nullptr}, {"021c.73ff.fe0a", nullptr},
+                          {"02:1c:73:ff:fe:0a:0b:100", nullptr}, {"02:1c:73:ff-fe:0a:0b:0c", nullptr},
+                          {"02:1c:73:ff:fe:0a:0b:0c:", nullptr}},
+                         8, "Invalid Eui64", Eui64(0x0102030405060708ULL));
 }
 
 TEST(EthAddrText, SequenceReaderStopsAfterLastGroup) {
-  Brio::String text("00:1c:73:0a:0b:0c/rest");
-  auto pos = text.begin();
-  EthAddr a = sequenceToValue(pos, text.end(), static_cast<EthAddr*>(nullptr));
-  EXPECT_EQ(a, EthAddr(0x001c, 0x730a, 0x0b0c));
-  EXPECT_EQ(std::string(pos, text.end()), "/rest");
-}
-
-TEST(EthAddrText, EveryPrefixOfGoodTextIsReadOrRefusedWithinBounds) {
-  for (auto const& c : ethCases) {
-    if (!c.canonical) continue;
-    std::string full = c.text;
-    for (std::size_t n = 0; n < full.size(); ++n) {
-      // A heap copy of exactly n bytes, so an overread shows under ASan.
-      Brio::String cut(full.substr(0, n));
-      std::string ref;
-      bool refOk = referenceParse(cut.str(), 6, &ref);
-      EXPECT_EQ(strepOutcome<EthAddr>(cut.str()), refOk ? "= " + ref : "Invalid EthAddr")
-          << "prefix " << n << " of " << full;
-    }
-  }
+  ReadAt const r = readAt<EthAddr>("00:1c:73:0a:0b:0c/rest");
+  EXPECT_EQ(r.strep, "00:1c:73:0a:0b:0c");
+  EXPECT_EQ(r.consumed, 17u);
 }
 
 TEST(EthAddrText, DisplayStringIsDottedWordsAndPrintToBufferCutsLikeSnprintf) {
   EthAddr a("00:1c:73:0a:0b:0c");
   EXPECT_EQ(a.displayString(), "001c.730a.0b0c");
-  char buf[8];
+  char buf[8], big[32];
   EXPECT_EQ(a.printToBuffer(buf, sizeof buf), 17u);
   EXPECT_STREQ(buf, "00:1c:7");
-  char big[32];
   EXPECT_EQ(a.printToBuffer(big, sizeof big), 17u);
   EXPECT_STREQ(big, "00:1c:73:0a:0b:0c");
   EXPECT_EQ(a.printToBuffer(nullptr, 0), 17u);
 }
 
-struct PredicateCase {
-  char const* text;
-  bool unicast, broadcast, multicast, ip6Multicast, ip4LinkLocal, linkConstrained;
-};
-
 TEST(EthAddrPredicates, TableOfClasses) {
-  PredicateCase const cases[] = {
-      {"ff:ff:ff:ff:ff:ff", false, true, false, false, false, false},
-      {"01:00:5e:00:00:01", false, false, true, false, true, false},
-      {"01:00:5e:00:00:ff", false, false, true, false, true, false},
-      {"01:00:5e:00:01:00", false, false, true, false, false, false},
-      {"33:33:00:00:00:01", false, false, true, true, false, false},
-      {"01:80:c2:00:00:00", false, false, true, false, false, true},
-      {"01:80:c2:00:00:0e", false, false, true, false, false, true},
-      {"01:80:c2:00:00:10", false, false, true, false, false, false},
-      {"01:00:0c:cc:cc:cd", false, false, true, false, false, true},
-      {"01:00:0c:cc:cc:cc", false, false, true, false, false, false},
-      {"00:1c:73:0a:0b:0c", true, false, false, false, false, false},
-      {"02:00:00:00:00:00", true, false, false, false, false, false},
-      {"00:00:00:00:00:00", true, false, false, false, false, false},
+  // unicast, broadcast, multicast, ip6Multicast, ip4LinkLocalMulticast, IEEELinkConstrained
+  std::pair<char const*, char const*> const cases[] = {
+      {"ff:ff:ff:ff:ff:ff", "010000"}, {"01:00:5e:00:00:01", "001010"}, {"01:00:5e:00:00:ff", "001010"},
+      {"01:00:5e:00:01:00", "001000"}, {"33:33:00:00:00:01", "001100"}, {"01:80:c2:00:00:00", "001001"},
+      {"01:80:c2:00:00:0e", "001001"}, {"01:80:c2:00:00:10", "001000"}, {"01:00:0c:cc:cc:cd", "001001"},
+      {"01:00:0c:cc:cc:cc", "001000"}, {"00:1c:73:0a:0b:0c", "100000"}, {"02:00:00:00:00:00", "100000"},
+      {"00:00:00:00:00:00", "100000"},
   };
-  for (auto const& c : cases) {
-    SCOPED_TRACE(c.text);
-    EthAddr a(c.text);
-    EXPECT_EQ(a.isUnicast(), c.unicast);
-    EXPECT_EQ(a.isBroadcast(), c.broadcast);
-    EXPECT_EQ(a.isMulticast(), c.multicast);
-    EXPECT_EQ(a.isIp6Multicast(), c.ip6Multicast);
-    EXPECT_EQ(a.isIp4LinkLocalMulticast(), c.ip4LinkLocal);
-    EXPECT_EQ(a.isIEEELinkConstrained(), c.linkConstrained);
+  for (auto const& [text, want] : cases) {
+    EthAddr const a(text);
+    EXPECT_EQ(flags({a.isUnicast(), a.isBroadcast(), a.isMulticast(), a.isIp6Multicast(),
+                     a.isIp4LinkLocalMulticast(), a.isIEEELinkConstrained()}),
+              want)
+        << text;
   }
 }
 
@@ -199,28 +165,23 @@ TEST(EthAddrParts, WordsAndBytesAreHostOrderOverWireOrderStorage) {
   a.wordDel(0);
   a.byteDel(4);
   EXPECT_EQ(a.stringValue(), "00:00:ab:cd:00:ee");
-}
-
-TEST(EthAddrParts, IndexOutOfRangeRaisesNamedMessage) {
-  EthAddr a;
-  EXPECT_EQ(errorOf([&] { a.word(3); }), "EthAddr::word: index out of range");
-  EXPECT_EQ(errorOf([&] { a.wordIs(3, 1); }), "EthAddr::wordIs: index out of range");
-  EXPECT_EQ(errorOf([&] { a.byte(6); }), "EthAddr::byte: index out of range");
-  EXPECT_EQ(errorOf([&] { a.byteIs(6, 1); }), "EthAddr::byteIs: index out of range");
-  EXPECT_EQ(errorOf([&] { a.byteDel(6); }), "EthAddr::byteIs: index out of range");
   Eui64 e;
-  EXPECT_EQ(errorOf([&] { e.word(4); }), "Eui64::word: index out of range");
-  EXPECT_EQ(errorOf([&] { e.wordIs(4, 1); }), "Eui64::wordIs: index out of range");
-  EXPECT_EQ(errorOf([&] { Eui64U8Key(8); }), "Eui64U8Key::value < 0 or > 7 not allowed");
+  expectErrors({{[&] { a.word(3); }, "EthAddr::word: index out of range"},
+                {[&] { a.wordIs(3, 1); }, "EthAddr::wordIs: index out of range"},
+                {[&] { a.byte(6); }, "EthAddr::byte: index out of range"},
+                {[&] { a.byteIs(6, 1); }, "EthAddr::byteIs: index out of range"},
+                {[&] { a.byteDel(6); }, "EthAddr::byteIs: index out of range"},
+                {[&] { e.word(4); }, "Eui64::word: index out of range"},
+                {[&] { e.wordIs(4, 1); }, "Eui64::wordIs: index out of range"},
+                {[] { Eui64U8Key(8); }, "Eui64U8Key::value < 0 or > 7 not allowed"}});
 }
 
 TEST(EthAddrOrder, NumericByWordsAndHashesFollowTheirDefinitions) {
-  std::set<EthAddr> s{EthAddr("00:00:00:00:01:00"), EthAddr("00:00:00:00:00:ff"),
-                      EthAddr("01:00:00:00:00:00"), EthAddr("00:01:00:00:00:00")};
-  std::vector<std::string> order;
-  for (auto const& a : s) order.push_back(a.stringValue().str());
-  EXPECT_EQ(order, (std::vector<std::string>{"00:00:00:00:00:ff", "00:00:00:00:01:00", "00:01:00:00:00:00",
-                                             "01:00:00:00:00:00"}));
+  std::vector<EthAddr> const v{EthAddr("00:00:00:00:01:00"), EthAddr("00:00:00:00:00:ff"),
+                               EthAddr("01:00:00:00:00:00"), EthAddr("00:01:00:00:00:00")};
+  EXPECT_EQ(sortedTexts(v, [](EthAddr const& a) { return a.stringValue().str(); }),
+            (std::vector<std::string>{"00:00:00:00:00:ff", "00:00:00:00:01:00", "00:01:00:00:00:00",
+                                      "01:00:00:00:00:00"}));
   EthAddr a("00:1c:73:0a:0b:0c");
   EXPECT_EQ(a.hash(), Corvid::wangHash32((0x001cu ^ 0x730au) << 16 | 0x0b0cu));
   // Values from the original formulation, key = ~key + (key << 15); ...
@@ -228,58 +189,19 @@ TEST(EthAddrOrder, NumericByWordsAndHashesFollowTheirDefinitions) {
   EXPECT_EQ(Corvid::wangHash32(0x12345678), 0xc7e424bau);
   EXPECT_NE(a.hash(7), a.hash(8));
   EXPECT_NE(a.hash(7), EthAddr("00:1c:73:0a:0b:0d").hash(7));
-  std::unordered_set<EthAddr> u{a, a, EthAddr()};
-  EXPECT_EQ(u.size(), 2u);
+  EXPECT_EQ((std::unordered_set<EthAddr>{a, a, EthAddr()}.size()), 2u);
 }
 
-TEST(EthAddrAttrLog, WritesTheSixAddressBytesAndReadsThemBack) {
+TEST(EthAddrWithMask, RecordFormAttrLogAndOrder) {
   EthAddr a("00:1c:73:0a:0b:0c");
   EXPECT_EQ(expectAttrLogRoundTrip(a), Brio::Bytes(std::string("\x00\x1c\x73\x0a\x0b\x0c", 6)));
   expectAttrLogRoundTrip(a, EthAddrWithMask(a, EthAddr::broadcast()), a.eui64());
-}
-
-TEST(EthAddrWithMaskText, RecordFormReadsBack) {
-  EthAddrWithMask m(EthAddr("00:1c:73:0a:0b:0c"), EthAddr("ff:ff:ff:00:00:00"));
+  EthAddrWithMask m(a, EthAddr("ff:ff:ff:00:00:00"));
   EXPECT_EQ(expectStrepRoundTrip(m),
             "Value('Corvid::EthAddrWithMask', ** {'mac': 00:1c:73:0a:0b:0c, 'mask': ff:ff:ff:00:00:00})");
-  EXPECT_LT(m, EthAddrWithMask(EthAddr("00:1c:73:0a:0b:0c"), EthAddr("ff:ff:ff:ff:00:00")));
+  EXPECT_LT(m, EthAddrWithMask(a, EthAddr("ff:ff:ff:ff:00:00")));
   EXPECT_LT(m, EthAddrWithMask(EthAddr("00:1c:73:0a:0b:0d"), EthAddr()));
   EXPECT_NE(m.hash(1), EthAddrWithMask(m.mask(), m.mac()).hash(1));
-}
-
-ParseCase const eui64Cases[] = {
-    {"02:1c:73:ff:fe:0a:0b:0c", "02:1c:73:ff:fe:0a:0b:0c"},
-    {"02-1C-73-FF-FE-0A-0B-0C", "02:1c:73:ff:fe:0a:0b:0c"},
-    {"021c.73ff.fe0a.0b0c", "02:1c:73:ff:fe:0a:0b:0c"},
-    {"2:1c:73:ff:fe:a:b:c", "02:1c:73:ff:fe:0a:0b:0c"},
-    {"02:1c:73:ff:fe:0a:0b", nullptr},
-    {"021c.73ff.fe0a", nullptr},
-    {"02:1c:73:ff:fe:0a:0b:100", nullptr},
-    {"02:1c:73:ff-fe:0a:0b:0c", nullptr},
-    {"02:1c:73:ff:fe:0a:0b:0c:", nullptr},
-};
-
-TEST(Eui64Text, TableReadsPrintsAndRefusesWithItsOwnMessage) {
-  for (auto const& c : eui64Cases) {
-    SCOPED_TRACE(c.text);
-    std::string ref;
-    EXPECT_EQ(referenceParse(c.text, 8, &ref), c.canonical != nullptr);
-    Eui64 e(0x0102030405060708ULL);
-    if (c.canonical) {
-      e.stringValueIs(c.text);
-      EXPECT_EQ(e.stringValue(), c.canonical);
-      expectStrepRoundTrip(e);
-      for (std::size_t n = 0; n < std::strlen(c.text); ++n) {
-        std::string const cut(c.text, n);
-        std::string ref;
-        bool const refOk = referenceParse(cut, 8, &ref);
-        EXPECT_EQ(strepOutcome<Eui64>(cut), refOk ? "= " + ref : "Invalid Eui64") << cut;
-      }
-    } else {
-      EXPECT_EQ(errorOf([&] { e.stringValueIs(c.text); }), "Invalid Eui64");
-      EXPECT_EQ(e, Eui64(0x0102030405060708ULL));
-    }
-  }
 }
 
 TEST(Eui64Parts, FromEthAddrIsModifiedEui64WithUniversalBitInverted) {

@@ -386,22 +386,15 @@ class PktModel {
   }
 
   void step(std::mt19937& rng) {
-    std::uniform_int_distribution<U32> pick(0, 8);
     U32 const len = static_cast<U32>(shared_.size());
     std::uniform_int_distribution<U32> upTo(0, 40);
-    switch (pick(rng)) {
+    switch (std::uniform_int_distribution<U32>(0, 8)(rng)) {
       case 0: {
-        U32 n = upTo(rng);
-        log("newSharedHeadData", n);
-        pkt_->newSharedHeadData(n);
-        std::string fill = randomBytes(rng, n);
-        std::memcpy(pkt_->sharedBuffer()->data(), fill.data(), n);
-        shared_.insert(0, fill);
-        if (head_ < n) {
-          size_ += n;
-          head_ = size_ - len;
-        }
-        head_ -= n;
+        std::string const fill = randomBytes(rng, upTo(rng));
+        log("newSharedHeadData", fill.size());
+        pkt_->newSharedHeadData(static_cast<U32>(fill.size()));
+        std::memcpy(pkt_->sharedBuffer()->data(), fill.data(), fill.size());
+        prepended(fill);
         break;
       }
       case 1: {
@@ -413,16 +406,11 @@ class PktModel {
         break;
       }
       case 2: {
-        U32 n = upTo(rng);
-        log("newSharedTailData", n);
-        pkt_->newSharedTailData(n);
-        std::string fill = randomBytes(rng, n);
-        std::memcpy(pkt_->sharedBuffer()->data() + len, fill.data(), n);
-        shared_ += fill;
-        if (size_ - head_ - len < n) {
-          size_ += n;
-          head_ = size_ - len - n;
-        }
+        std::string const fill = randomBytes(rng, upTo(rng));
+        log("newSharedTailData", fill.size());
+        pkt_->newSharedTailData(static_cast<U32>(fill.size()));
+        std::memcpy(pkt_->sharedBuffer()->data() + len, fill.data(), fill.size());
+        appended(fill);
         break;
       }
       case 3: {
@@ -434,9 +422,8 @@ class PktModel {
       }
       case 4: {
         // A first claim is possible only once: giving all bytes back keeps iovec 0.
-        U32 room = 64 - static_cast<U32>(private_.size());
         if (privateReleased_ && private_.empty()) return;
-        U32 n = std::min(upTo(rng) % 9 + 1, room);
+        U32 n = std::min(upTo(rng) % 9 + 1, 64 - static_cast<U32>(private_.size()));
         if (n == 0) return;
         log("newPrivateHeadData", n);
         pkt_->newPrivateHeadData(n);
@@ -464,21 +451,12 @@ class PktModel {
       case 7: {
         std::string s = randomBytes(rng, upTo(rng));
         bool append = rng() & 1;
-        log(append ? "stringValueIs(append)" : "stringValueIs", static_cast<U32>(s.size()));
+        log(append ? "stringValueIs(append)" : "stringValueIs", s.size());
         pkt_->stringValueIs(Brio::String(s), append);
         if (append) {
-          if (size_ - head_ - len < s.size()) {
-            size_ += static_cast<U32>(s.size());
-            head_ = size_ - len - static_cast<U32>(s.size());
-          }
-          shared_ += s;
+          appended(s);
         } else {
-          if (head_ < s.size()) {
-            size_ += static_cast<U32>(s.size());
-            head_ = size_ - len;
-          }
-          head_ -= static_cast<U32>(s.size());
-          shared_.insert(0, s);
+          prepended(s);
         }
         break;
       }
@@ -489,11 +467,7 @@ class PktModel {
         U8 v = static_cast<U8>(rng());
         log("rawByteIs", i);
         pkt_->rawByteIs(i, v);
-        if (i < private_.size()) {
-          private_[i] = static_cast<char>(v);
-        } else {
-          shared_[i - private_.size()] = static_cast<char>(v);
-        }
+        (i < private_.size() ? private_[i] : shared_[i - private_.size()]) = static_cast<char>(v);
       }
     }
   }
@@ -518,7 +492,26 @@ class PktModel {
     for (auto& c : s) c = static_cast<char>(rng());
     return s;
   }
-  void log(char const* op, U32 n) { history_ += std::string(op) + "(" + std::to_string(n) + ") "; }
+  void log(char const* op, std::size_t n) { history_ += std::string(op) + "(" + std::to_string(n) + ") "; }
+  // The exact-growth rule: a buffer short of room grows by the bytes asked
+  // for, and the data sits at the new buffer's far end.
+  void prepended(std::string const& bytes) {
+    U32 const n = static_cast<U32>(bytes.size()), len = static_cast<U32>(shared_.size());
+    if (head_ < n) {
+      size_ += n;
+      head_ = size_ - len;
+    }
+    head_ -= n;
+    shared_.insert(0, bytes);
+  }
+  void appended(std::string const& bytes) {
+    U32 const n = static_cast<U32>(bytes.size()), len = static_cast<U32>(shared_.size());
+    if (size_ - head_ - len < n) {
+      size_ += n;
+      head_ = size_ - len - n;
+    }
+    shared_ += bytes;
+  }
 
   Brio::Ptr<Pkt> pkt_;
   std::string shared_;

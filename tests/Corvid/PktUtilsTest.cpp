@@ -225,6 +225,16 @@ CheckResult traced(F&& check) {
   return {code, capture.text()};
 }
 
+// The code and, on a failure, the part of the trace that says why; a pass traces nothing.
+void expectResult(CheckResult const& r, PktErrors code, std::string const& trace, std::string const& where = "") {
+  EXPECT_EQ(r.code, code) << where;
+  if (code == noError) {
+    EXPECT_EQ(r.trace, "") << where;
+  } else {
+    EXPECT_THAT(r.trace, testing::HasSubstr(trace)) << where;
+  }
+}
+
 // One of the frame checks on a packet holding exactly `frame`.
 template <class IpHeader>
 CheckResult checkFrame(PktErrors (*check)(Brio::Ptr<Pkt> const&, EthHdr*&, IpHeader*&), std::string const& frame) {
@@ -233,8 +243,13 @@ CheckResult checkFrame(PktErrors (*check)(Brio::Ptr<Pkt> const&, EthHdr*&, IpHea
   IpHeader* ip = nullptr;
   return traced([&] { return check(pkt, eth, ip); });
 }
-
 CheckResult checkIp4(std::string const& frame) { return checkFrame(checkEthIpHdr, frame); }
+CheckResult checkIp6(std::string const& frame) { return checkFrame(checkEthIp6Hdr, frame); }
+
+// `frame` with the bytes at `at` overwritten.
+std::string patched(std::string frame, std::size_t at, std::string const& bytes) {
+  return frame.replace(at, bytes.size(), bytes);
+}
 
 // A frame, the code a check gives it and a part of the trace that says why.
 struct FrameCase {
@@ -243,23 +258,15 @@ struct FrameCase {
   PktErrors code;
   char const* trace;
 };
-CheckResult checkIp6(std::string const& frame) { return checkFrame(checkEthIp6Hdr, frame); }
 
-// Every prefix of the frame shorter than `needed` bytes.
-void expectTooShortBelow(std::size_t needed, std::string const& frame, CheckResult (*check)(std::string const&)) {
+// The cases, and every prefix of the good frame shorter than `needed` bytes.
+void expectFrameCases(std::vector<FrameCase> const& cases, std::size_t needed,
+                      CheckResult (*check)(std::string const&)) {
+  for (auto const& c : cases) expectResult(check(c.frame), c.code, c.trace, c.name);
   for (std::size_t n = 0; n < needed; ++n) {
-    CheckResult r = check(frame.substr(0, n));
-    EXPECT_EQ(r.code, pktTooShort) << n;
-    EXPECT_THAT(r.trace, testing::HasSubstr("Packet has " + std::to_string(n) + " bytes which is less than needed"));
+    std::string const trace = "Packet has " + std::to_string(n) + " bytes which is less than needed";
+    expectResult(check(cases.front().frame.substr(0, n)), pktTooShort, trace, std::to_string(n));
   }
-}
-
-TEST(CheckEthIpHdr, EveryTruncationOfTheHeadersIsTooShort) {
-  expectTooShortBelow(34, ip4Frame(), checkIp4);
-  Brio::Ptr<Pkt> none = Brio::makePtr<Pkt>();  // no data at all
-  EthHdr* eth = nullptr;
-  IpHdr* ip = nullptr;
-  EXPECT_EQ(checkEthIpHdr(none, eth, ip), pktTooShort);
 }
 
 std::string withIp4(std::string header, std::size_t payload) {
@@ -269,34 +276,27 @@ std::string withIp4(std::string header, std::size_t payload) {
   return ethIp4 + header + std::string(payload, 'p');
 }
 
-TEST(CheckEthIpHdr, CodesAndTracesFollowTheFirstFailedCheck) {
-  std::string ip6Type = ip4Frame();
-  ip6Type[13] = '\xdd';
-  ip6Type[12] = '\x86';
-  std::string version6 = ip4Frame();
-  version6[14] = '\x65';
-  std::string badSum = ip4Frame();
-  badSum[24] = '\x00';
+TEST(CheckEthIpHdr, CodesAndTracesFollowTheFirstFailedCheckAndEveryTruncationIsTooShort) {
   std::string const ihl15 = fromHex("4f00 0014 0000 4000 4011 0000 c0a80001 c0a800c7");
-  FrameCase const cases[] = {
-      {"good", ip4Frame(), noError, ""},
-      {"zero payload, 34 bytes", withIp4(fromHex("4500 0014 0000 4000 4011 0000 c0a80001 c0a800c7"), 0), noError, ""},
-      {"EtherType", ip6Type, nonIpEthType, "Type: 0x86dd"},
-      {"version", version6, nonIpHdr, "Ip hdr is not IPv4"},
-      {"total length past the frame", ip4Frame().substr(0, 14 + 0x72), badIpPayloadLen,
-       "IPv4 payload length is larger than the actual packet size 115 vs. 114"},
-      {"header longer than total length", ethIp4 + ihl15 + std::string(60, 'p'), badIpPayloadLen,
-       "IPv4 payload length is larger than the actual packet size"},
-      {"checksum", badSum, badIpHdrChecksum, "IPv4 header checksum is invalid"},
-  };
-  for (auto const& c : cases) {
-    CheckResult r = checkIp4(c.frame);
-    EXPECT_EQ(r.code, c.code) << c.name;
-    EXPECT_THAT(r.trace, testing::HasSubstr(c.trace)) << c.name;
-    if (c.code == noError) {
-      EXPECT_EQ(r.trace, "") << c.name;
-    }
-  }
+  expectFrameCases(
+      {
+          {"good", ip4Frame(), noError, ""},
+          {"zero payload, 34 bytes", withIp4(fromHex("4500 0014 0000 4000 4011 0000 c0a80001 c0a800c7"), 0), noError,
+           ""},
+          {"EtherType", patched(ip4Frame(), 12, "\x86\xdd"), nonIpEthType, "Type: 0x86dd"},
+          {"version", patched(ip4Frame(), 14, "\x65"), nonIpHdr, "Ip hdr is not IPv4"},
+          {"total length past the frame", ip4Frame().substr(0, 14 + 0x72), badIpPayloadLen,
+           "IPv4 payload length is larger than the actual packet size 115 vs. 114"},
+          {"header longer than total length", ethIp4 + ihl15 + std::string(60, 'p'), badIpPayloadLen,
+           "IPv4 payload length is larger than the actual packet size"},
+          {"checksum", patched(ip4Frame(), 24, std::string(1, '\0')), badIpHdrChecksum,
+           "IPv4 header checksum is invalid"},
+      },
+      34, checkIp4);
+  Brio::Ptr<Pkt> none = Brio::makePtr<Pkt>();  // no data at all
+  EthHdr* eth = nullptr;
+  IpHdr* ip = nullptr;
+  EXPECT_EQ(checkEthIpHdr(none, eth, ip), pktTooShort);
 }
 
 TEST(CheckEthIpHdr, ChecksumIsRestoredOnAMatchAndLeftZeroOnAMismatch) {
@@ -332,56 +332,40 @@ std::string signedIp6Frame(std::string const& icmp6) {
   return frame;
 }
 
-TEST(CheckEthIp6Hdr, CodesAndTracesFollowTheFirstFailedCheck) {
+TEST(CheckEthIp6Hdr, CodesAndTracesFollowTheFirstFailedCheckAndEveryTruncationIsTooShort) {
   std::string const frame = signedIp6Frame(nsMessage);
-  expectTooShortBelow(54, frame, checkIp6);
-  std::string ip4Type = frame;
-  ip4Type[12] = '\x08';
-  ip4Type[13] = '\x00';
-  std::string version4 = frame;
-  version4[14] = '\x40';
-  FrameCase const cases[] = {
-      {"good", frame, noError, ""},
-      {"no payload", ip6Frame("", 0), noError, ""},
-      {"EtherType", ip4Type, nonIpEthType, "Type: 0x800"},
-      {"version", version4, nonIp6Hdr, "Ip hdr is not IPv6"},
-      {"payload past the frame", frame.substr(0, frame.size() - 1), badIp6PayloadLen,
-       "IPv6 payload length is larger than the actual packet size. 32 vs. 31"},
-  };
-  for (auto const& c : cases) {
-    CheckResult r = checkIp6(c.frame);
-    EXPECT_EQ(r.code, c.code) << c.name;
-    EXPECT_THAT(r.trace, testing::HasSubstr(c.trace)) << c.name;
-  }
+  expectFrameCases(
+      {
+          {"good", frame, noError, ""},
+          {"no payload", ip6Frame("", 0), noError, ""},
+          {"EtherType", patched(frame, 12, std::string("\x08\x00", 2)), nonIpEthType, "Type: 0x800"},
+          {"version", patched(frame, 14, "\x40"), nonIp6Hdr, "Ip hdr is not IPv6"},
+          {"payload past the frame", frame.substr(0, frame.size() - 1), badIp6PayloadLen,
+           "IPv6 payload length is larger than the actual packet size. 32 vs. 31"},
+      },
+      54, checkIp6);
 }
 
 TEST(CheckIcmp6CheckSum, VerifiesUnderThePseudoHeaderAndLeavesTheFieldZero) {
   std::string frame = signedIp6Frame(nsMessage);
   auto* ip6 = reinterpret_cast<Ip6Hdr*>(frame.data() + 14);
   Icmp6Hdr* icmp6 = nullptr;
+  auto const check = [&] { return traced([&] { return checkIcmp6CheckSum(ip6, icmp6); }); };
   U16 const signedValue = reinterpret_cast<Icmp6Hdr*>(frame.data() + 54)->checksum.value();
   EXPECT_NE(signedValue, 0);
-  CheckResult r = traced([&] { return checkIcmp6CheckSum(ip6, icmp6); });
-  EXPECT_EQ(r.code, noError);
+  expectResult(check(), noError, "");
   EXPECT_EQ(reinterpret_cast<char*>(icmp6), frame.data() + 54);
   EXPECT_EQ(icmp6->checksum.value(), 0);
   EXPECT_EQ(setIcmp6CheckSum(ip6, icmp6), noError);
   EXPECT_EQ(icmp6->checksum.value(), signedValue);
 
   frame[60] ^= 1;  // reserved bits: the sum no longer matches
-  r = traced([&] { return checkIcmp6CheckSum(ip6, icmp6); });
-  EXPECT_EQ(r.code, badIcmp6Checksum);
-  EXPECT_THAT(r.trace, testing::HasSubstr("Icmp6 checksum is invalid"));
+  expectResult(check(), badIcmp6Checksum, "Icmp6 checksum is invalid");
   EXPECT_EQ(icmp6->checksum.value(), 0);
-
   ip6->payloadLength.valueIs(3);
-  r = traced([&] { return checkIcmp6CheckSum(ip6, icmp6); });
-  EXPECT_EQ(r.code, badIp6PayloadLen);
-  EXPECT_THAT(r.trace, testing::HasSubstr("IP6 payload is too small to contain Icmp6"));
+  expectResult(check(), badIp6PayloadLen, "IP6 payload is too small to contain Icmp6");
   ip6->nextHeader = ipProtoUdp;
-  r = traced([&] { return checkIcmp6CheckSum(ip6, icmp6); });
-  EXPECT_EQ(r.code, nextHdrIsNotIcmp6);
-  EXPECT_THAT(r.trace, testing::HasSubstr("Next header is not Icmp6"));
+  expectResult(check(), nextHdrIsNotIcmp6, "Next header is not Icmp6");
   EXPECT_EQ(setIcmp6CheckSum(ip6, icmp6), nextHdrIsNotIcmp6);
 }
 

@@ -28,24 +28,9 @@ logging.getLogger("scapy.runtime").setLevel(logging.ERROR)
 from scapy.all import ARP, ICMP, IP, TCP, UDP, Dot1AD, Dot1Q, Ether, GRE, Raw  # noqa: E402
 from scapy.layers.inet import IPOption_Router_Alert  # noqa: E402
 from scapy.layers.inet6 import (  # noqa: E402
-    ICMPv6EchoRequest,
-    ICMPv6ND_NA,
-    ICMPv6ND_NS,
-    ICMPv6ND_RA,
-    ICMPv6ND_RS,
-    ICMPv6NDOptDNSSL,
-    ICMPv6NDOptMTU,
-    ICMPv6NDOptPrefixInfo,
-    ICMPv6NDOptRDNSS,
-    ICMPv6NDOptRouteInfo,
-    ICMPv6NDOptSrcLLAddr,
-    ICMPv6NDOptDstLLAddr,
-    ICMPv6PacketTooBig,
-    IPv6,
-    IPv6ExtHdrHopByHop,
-    RouterAlert,
-    PadN,
-)
+    ICMPv6EchoRequest, ICMPv6ND_NA, ICMPv6ND_NS, ICMPv6ND_RA, ICMPv6ND_RS, ICMPv6NDOptDNSSL, ICMPv6NDOptMTU,
+    ICMPv6NDOptPrefixInfo, ICMPv6NDOptRDNSS, ICMPv6NDOptRouteInfo, ICMPv6NDOptSrcLLAddr, ICMPv6NDOptDstLLAddr,
+    ICMPv6PacketTooBig, IPv6, IPv6ExtHdrHopByHop, RouterAlert, PadN)
 from scapy.layers.sctp import SCTP  # noqa: E402
 from scapy.layers.vxlan import VXLAN  # noqa: E402
 from scapy.contrib.igmp import IGMP  # noqa: E402
@@ -58,8 +43,8 @@ V6_A, V6_B = "2001:db8::1", "2001:db8:0:1::2"
 LL_A = "fe80::200:ff:fe00:a"
 
 
-def eth(t=None):
-    return Ether(src=MAC_A, dst=MAC_B) if t is None else Ether(src=MAC_A, dst=MAC_B, type=t)
+def eth():
+    return Ether(src=MAC_A, dst=MAC_B)
 
 
 def boot_option(url, lifetime=60):
@@ -137,128 +122,118 @@ def checksum_ok(raw, cls, nb, field):
     return int(getattr(rebuilt, field) == wire)
 
 
+def headers(p):
+    """Each header of a decoded frame up to its padding, with its class and which of that class it is (from 1)."""
+    counts, layer = {}, p
+    while layer is not None and layer.name != "Padding":
+        counts[type(layer)] = counts.get(type(layer), 0) + 1
+        yield layer, type(layer), counts[type(layer)]
+        layer = layer.payload if layer.payload else None
+
+
 def describe(raw):
     """LAYER@OFFSET:fields tokens for every header of the decoded frame."""
-    p = Ether(raw)
     tokens = []
-    counts = {}
-    layer = p
-    while layer is not None and layer.name != "Padding":
-        if isinstance(layer, Raw):
-            # scapy leaves options it does not know as raw bytes behind the last one it does.
-            data = bytes(layer)
-            if len(data) >= 8 and data[0] == 253 and "Option" in layer.underlayer.name:
-                yield_boot = ("networkBoot", len(raw) - len(data), [
-                    ("type", data[0]), ("length", data[1]), ("lifetime", int.from_bytes(data[4:8], "big")),
-                    ("bootUrl", data[8:data[1] * 8].split(b"\x00")[0].decode())])
-                tokens.append("%s@%d:%s" % (yield_boot[0], yield_boot[1], ",".join("%s=%s" % kv for kv in yield_boot[2])))
-            break
-        cls = type(layer)
-        counts[cls] = counts.get(cls, 0) + 1
-        nb = counts[cls]
+    for layer, cls, nb in headers(Ether(raw)):
         off = len(raw) - len(bytes(layer))
-        for name, o, fields in decode(raw, layer, cls, nb, off):
-            tokens.append("%s@%d:%s" % (name, o, ",".join("%s=%s" % kv for kv in fields)))
-        layer = layer.payload if layer.payload else None
+        if cls is Raw:
+            # scapy leaves options it does not know as raw bytes behind the last one it does.
+            d = bytes(layer)
+            if len(d) >= 8 and d[0] == 253 and "Option" in layer.underlayer.name:
+                url = d[8:d[1] * 8].split(b"\x00")[0].decode()
+                tokens.append(token("networkBoot", off, [("type", d[0]), ("length", d[1]),
+                                                         ("lifetime", int.from_bytes(d[4:8], "big")), ("bootUrl", url)]))
+            break
+        tokens += [token(*t) for t in decode(raw, layer, cls, nb, off)]
     return tokens
 
 
-def b(v):
-    return str(int(bool(v)))
+def token(name, off, fields):
+    return "%s@%d:%s" % (name, off, ",".join("%s=%s" % kv for kv in fields))
+
+
+def fields(raw, L, cls, nb, spec):
+    """spec: "accessor=field ..."; "checksumOk=F" is scapy's verdict on checksum F, "a.b" reads a flag of a, an
+    absent optional field reads 0."""
+    out = []
+    for pair in spec.split():
+        name, attr = pair.split("=")
+        if name == "checksumOk":
+            out.append((name, checksum_ok(raw, cls, nb, attr)))
+            continue
+        v = L
+        for a in attr.split("."):
+            v = getattr(v, a)
+        out.append((name, 0 if v is None else int(v) if isinstance(v, bool) or type(v).__name__ == "FlagValue" else v))
+    return out
+
+
+# Per scapy class: the wrapper the test binds at its offset, the accessor=field pairs and any computed fields.
+LAYERS = {
+    Ether: ("eth", "dst=dst src=src ethType=type"),
+    Dot1Q: ("vlan", "priority=prio cfi=id vlanId=vlan ethType=type"),
+    IP: ("ip", "version=version headerLength=ihl tos=tos totalLength=len identification=id dontFragment=flags.DF "
+               "moreFragments=flags.MF fragmentOffset=frag ttl=ttl protocol=proto checksum=chksum src=src dst=dst "
+               "checksumOk=chksum"),
+    IPv6: ("ip6", "version=version trafficClass=tc flowLabel=fl payloadLength=plen nextHeader=nh hopLimit=hlim "
+                  "src=src dst=dst"),
+    TCP: ("tcp", "srcPort=sport dstPort=dport seqNum=seq ackNum=ack dataOffset=dataofs flags=flags window=window "
+                 "checksum=chksum urgentPointer=urgptr checksumOk=chksum"),
+    UDP: ("udp", "srcPort=sport dstPort=dport length=len checksum=chksum checksumOk=chksum"),
+    ICMP: ("icmp", "type=type code=code checksum=chksum identifier=id sequence=seq checksumOk=chksum"),
+    IGMP: ("igmp", "type=type maxRespTime=mrcode checksum=chksum group=gaddr checksumOk=chksum"),
+    ARP: ("arp", "hardwareType=hwtype protocolType=ptype hardwareAddrLen=hwlen protocolAddrLen=plen opcode=op "
+                 "senderHardwareAddr=hwsrc senderProtocolAddr=psrc targetHardwareAddr=hwdst targetProtocolAddr=pdst"),
+    MPLS: ("mpls", "label=label trafficClass=cos bottomOfStack=s ttl=ttl"),
+    GRE: ("gre", "checksumPresent=chksum_present keyPresent=key_present sequencePresent=seqnum_present "
+                 "version=version protocol=proto checksum=chksum key=key sequence=sequence_number checksumOk=chksum"),
+    VXLAN: ("vxlan", "vniValid=flags.Instance vni=vni"),
+    SCTP: ("sctp", "srcPort=sport dstPort=dport verificationTag=tag checksum=chksum"),
+    ICMPv6NDOptSrcLLAddr: ("slla", "type=type length=len linkLayerAddr=lladdr"),
+    ICMPv6NDOptDstLLAddr: ("tlla", "type=type length=len linkLayerAddr=lladdr"),
+    ICMPv6NDOptMTU: ("mtuOption", "type=type length=len mtu=mtu"),
+    ICMPv6NDOptPrefixInfo: ("prefixInfo", "type=type length=len prefixLength=prefixlen onLink=L autonomous=A "
+                                          "validLifetime=validlifetime preferredLifetime=preferredlifetime prefix=prefix"),
+    ICMPv6NDOptRouteInfo: ("routeInfo", "type=type length=len prefixLength=plen routePreference=prf "
+                                        "routeLifetime=rtlifetime", lambda L: [("prefix", L.prefix or "::")]),
+    ICMPv6NDOptRDNSS: ("dnsServer", "type=type length=len lifetime=lifetime",
+                       lambda L: [("addresses", len(L.dns))] + [("address%d" % i, a) for i, a in enumerate(L.dns)]),
+    ICMPv6NDOptDNSSL: ("dnsSuffix", "type=type length=len lifetime=lifetime",
+                       lambda L: [("names", "|".join(n.rstrip(".") for n in L.searchlist))]),
+}
+LAYERS[Dot1AD] = LAYERS[Dot1Q]
+
+# ICMPv6 messages: the body's wrapper, bound 4 bytes in, and its fields.
+ICMP6_BODIES = {
+    ICMPv6ND_NS: ("ns", "target=tgt"),
+    ICMPv6ND_NA: ("na", "router=R solicited=S override=O target=tgt"),
+    ICMPv6ND_RS: ("rs", "reserved=res"),
+    ICMPv6ND_RA: ("ra", "curHopLimit=chlim managed=M other=O routerPreference=prf routerLifetime=routerlifetime "
+                        "reachableTime=reachabletime retransTimer=retranstimer"),
+    ICMPv6EchoRequest: ("echo", "identifier=id sequence=seq"),
+    ICMPv6PacketTooBig: ("packetTooBig", "mtu=mtu"),
+}
 
 
 def decode(raw, L, cls, nb, off):
-    if cls is Ether:
-        yield "eth", off, [("dst", L.dst), ("src", L.src), ("ethType", L.type)]
-    elif cls in (Dot1Q, Dot1AD):
-        yield "vlan", off, [("priority", L.prio), ("cfi", L.id), ("vlanId", L.vlan), ("ethType", L.type)]
-    elif cls is IP:
-        yield "ip", off, [("version", L.version), ("headerLength", L.ihl), ("tos", L.tos), ("totalLength", L.len),
-                          ("identification", L.id), ("dontFragment", b(L.flags.DF)), ("moreFragments", b(L.flags.MF)),
-                          ("fragmentOffset", L.frag), ("ttl", L.ttl), ("protocol", L.proto), ("checksum", L.chksum),
-                          ("src", L.src), ("dst", L.dst), ("checksumOk", checksum_ok(raw, cls, nb, "chksum"))]
-    elif cls is IPv6:
-        yield "ip6", off, [("version", L.version), ("trafficClass", L.tc), ("flowLabel", L.fl),
-                           ("payloadLength", L.plen), ("nextHeader", L.nh), ("hopLimit", L.hlim), ("src", L.src),
-                           ("dst", L.dst)]
+    if cls in LAYERS:
+        name, spec, *extra = LAYERS[cls]
+        yield name, off, fields(raw, L, cls, nb, spec) + (extra[0](L) if extra else [])
     elif cls is IPv6ExtHdrHopByHop:
         o = off + 2
         for opt in L.options:
             if isinstance(opt, RouterAlert):
                 yield "routerAlert", o, [("type", opt.otype), ("length", opt.optlen), ("value", opt.value)]
             o += len(bytes(opt))
-    elif cls is TCP:
-        yield "tcp", off, [("srcPort", L.sport), ("dstPort", L.dport), ("seqNum", L.seq), ("ackNum", L.ack),
-                           ("dataOffset", L.dataofs), ("flags", int(L.flags)), ("window", L.window),
-                           ("checksum", L.chksum), ("urgentPointer", L.urgptr),
-                           ("checksumOk", checksum_ok(raw, cls, nb, "chksum"))]
-    elif cls is UDP:
-        yield "udp", off, [("srcPort", L.sport), ("dstPort", L.dport), ("length", L.len), ("checksum", L.chksum),
-                           ("checksumOk", checksum_ok(raw, cls, nb, "chksum"))]
-    elif cls is ICMP:
-        yield "icmp", off, [("type", L.type), ("code", L.code), ("checksum", L.chksum), ("identifier", L.id),
-                            ("sequence", L.seq), ("checksumOk", checksum_ok(raw, cls, nb, "chksum"))]
-    elif cls is IGMP:
-        yield "igmp", off, [("type", L.type), ("maxRespTime", L.mrcode), ("checksum", L.chksum),
-                            ("group", L.gaddr), ("checksumOk", checksum_ok(raw, cls, nb, "chksum"))]
-    elif cls is ARP:
-        yield "arp", off, [("hardwareType", L.hwtype), ("protocolType", L.ptype), ("hardwareAddrLen", L.hwlen),
-                           ("protocolAddrLen", L.plen), ("opcode", L.op), ("senderHardwareAddr", L.hwsrc),
-                           ("senderProtocolAddr", L.psrc), ("targetHardwareAddr", L.hwdst),
-                           ("targetProtocolAddr", L.pdst)]
-    elif cls is MPLS:
-        yield "mpls", off, [("label", L.label), ("trafficClass", L.cos), ("bottomOfStack", L.s), ("ttl", L.ttl)]
-    elif cls is GRE:
-        yield "gre", off, [("checksumPresent", L.chksum_present), ("keyPresent", L.key_present),
-                           ("sequencePresent", L.seqnum_present), ("version", L.version), ("protocol", L.proto),
-                           ("checksum", L.chksum or 0), ("key", L.key or 0), ("sequence", L.sequence_number or 0),
-                           ("checksumOk", checksum_ok(raw, cls, nb, "chksum"))]
-    elif cls is VXLAN:
-        yield "vxlan", off, [("vniValid", b(L.flags & 0x08)), ("vni", L.vni)]
-    elif cls is SCTP:
-        yield "sctp", off, [("srcPort", L.sport), ("dstPort", L.dport), ("verificationTag", L.tag),
-                            ("checksum", L.chksum)]
     elif cls in ICMP6_BODIES:
-        yield "icmp6", off, [("type", L.type), ("code", L.code), ("checksum", L.cksum),
-                             ("checksumOk", checksum_ok(raw, cls, nb, "cksum"))]
-        name, fields = ICMP6_BODIES[cls](L)
+        yield "icmp6", off, fields(raw, L, cls, nb, "type=type code=code checksum=cksum checksumOk=cksum")
+        name, spec = ICMP6_BODIES[cls]
+        body = fields(raw, L, cls, nb, spec)
         if cls in (ICMPv6ND_NS, ICMPv6ND_NA, ICMPv6ND_RS):
-            # Where the library's option walk must find the source/target link-layer address option.
+            # Where the library's option walk must find the source link-layer address option.
             slla = L.getlayer(ICMPv6NDOptSrcLLAddr)
-            fields.append(("srcLinkLayerAddrOptionAt", len(raw) - len(bytes(slla)) if slla else -1))
-        yield name, off + 4, fields
-    elif cls in (ICMPv6NDOptSrcLLAddr, ICMPv6NDOptDstLLAddr):
-        yield ("slla" if cls is ICMPv6NDOptSrcLLAddr else "tlla"), off, [
-            ("type", L.type), ("length", L.len), ("linkLayerAddr", L.lladdr)]
-    elif cls is ICMPv6NDOptMTU:
-        yield "mtuOption", off, [("type", L.type), ("length", L.len), ("mtu", L.mtu)]
-    elif cls is ICMPv6NDOptPrefixInfo:
-        yield "prefixInfo", off, [("type", L.type), ("length", L.len), ("prefixLength", L.prefixlen),
-                                  ("onLink", L.L), ("autonomous", L.A), ("validLifetime", L.validlifetime),
-                                  ("preferredLifetime", L.preferredlifetime), ("prefix", L.prefix)]
-    elif cls is ICMPv6NDOptRouteInfo:
-        yield "routeInfo", off, [("type", L.type), ("length", L.len), ("prefixLength", L.plen),
-                                 ("routePreference", L.prf), ("routeLifetime", L.rtlifetime),
-                                 ("prefix", L.prefix or "::")]
-    elif cls is ICMPv6NDOptRDNSS:
-        fields = [("type", L.type), ("length", L.len), ("lifetime", L.lifetime), ("addresses", len(L.dns))]
-        fields += [("address%d" % i, a) for i, a in enumerate(L.dns)]
-        yield "dnsServer", off, fields
-    elif cls is ICMPv6NDOptDNSSL:
-        names = "|".join(n.rstrip(".") for n in L.searchlist)
-        yield "dnsSuffix", off, [("type", L.type), ("length", L.len), ("lifetime", L.lifetime), ("names", names)]
-
-
-ICMP6_BODIES = {
-    ICMPv6ND_NS: lambda L: ("ns", [("target", L.tgt)]),
-    ICMPv6ND_NA: lambda L: ("na", [("router", L.R), ("solicited", L.S), ("override", L.O), ("target", L.tgt)]),
-    ICMPv6ND_RS: lambda L: ("rs", [("reserved", L.res)]),
-    ICMPv6ND_RA: lambda L: ("ra", [("curHopLimit", L.chlim), ("managed", L.M), ("other", L.O),
-                                   ("routerPreference", L.prf), ("routerLifetime", L.routerlifetime),
-                                   ("reachableTime", L.reachabletime), ("retransTimer", L.retranstimer)]),
-    ICMPv6EchoRequest: lambda L: ("echo", [("identifier", L.id), ("sequence", L.seq)]),
-    ICMPv6PacketTooBig: lambda L: ("packetTooBig", [("mtu", L.mtu)]),
-}
+            body.append(("srcLinkLayerAddrOptionAt", len(raw) - len(bytes(slla)) if slla else -1))
+        yield name, off + 4, body
 
 
 def build():
@@ -304,15 +279,10 @@ def check(path):
                 got = normalise(getattr(layer, field))
                 if got != want.lower():
                     problems.append("%s is %s, not %s" % (key, got, want))
-            counts = {}
-            layer = p
-            while layer is not None and layer.name not in ("Raw", "Padding"):
-                cls = type(layer)
-                counts[cls] = counts.get(cls, 0) + 1
-                for field in ("chksum", "cksum"):
-                    if field in layer.fields and not checksum_ok(raw, cls, counts[cls], field):
+            for layer, cls, nb in headers(p):
+                for field in ("chksum", "cksum") if cls is not Raw else ():
+                    if field in layer.fields and not checksum_ok(raw, cls, nb, field):
                         problems.append("%s checksum 0x%04x is wrong" % (cls.__name__, getattr(layer, field)))
-                layer = layer.payload if layer.payload else None
             print(("ok %s" % name) if not problems else ("FAIL %s: %s" % (name, "; ".join(problems))))
 
 

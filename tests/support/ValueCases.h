@@ -18,6 +18,8 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <functional>
+#include <initializer_list>
 #include <memory>
 #include <span>
 #include <string>
@@ -37,6 +39,62 @@ std::string errorOf(F&& f) {
     return e.what();
   }
   return "";
+}
+
+// A call and the RangeException message it must raise.
+struct ErrorRow {
+  std::function<void()> call;
+  char const* message;
+};
+
+inline void expectErrors(std::initializer_list<ErrorRow> rows) {
+  for (auto const& r : rows) EXPECT_EQ(errorOf(r.call), r.message);
+}
+
+// Predicate answers as one comparable string, '1' for true: a predicate
+// table is then one text and one such string a row.
+inline std::string flags(std::initializer_list<bool> answers) {
+  std::string s;
+  for (bool b : answers) s += b ? '1' : '0';
+  return s;
+}
+
+// What predicate p (a member or any callable) answers for the value read
+// from each text, as flags: one line checks a predicate on many values.
+template <class T, class P>
+std::string answers(P p, std::initializer_list<char const*> texts) {
+  std::string s;
+  for (auto t : texts) s += std::invoke(p, Brio::strepToValue<T>(Brio::String(t))) ? '1' : '0';
+  return s;
+}
+
+// Calls f with every cut of each text, from the empty one to the whole.
+template <class F>
+void forEachCut(std::initializer_list<std::string_view> texts, F f) {
+  for (auto t : texts)
+    for (std::size_t k = 0; k <= t.size(); ++k) f(Brio::String(std::string(t.substr(0, k))));
+}
+
+// Runs f, which may change v; if f throws, v must be as it was.
+template <class T, class F>
+void unchangedOnThrow(T& v, F f) {
+  T const before = v;
+  try {
+    f();
+  } catch (...) {
+    EXPECT_EQ(v, before) << "a refused text changed the value";
+    throw;
+  }
+}
+
+// A whole-text reader for checkRows: T's stringValueIs into a value first
+// read from `start`, which a refusal must leave alone.
+template <class T>
+auto stringValueIsOver(char const* start) {
+  return [start](Brio::String const& t) {
+    T v = Brio::strepToValue<T>(Brio::String(start));
+    unchangedOnThrow(v, [&] { v.stringValueIs(t); });
+  };
 }
 
 // "= <text>" when f returns its text, else the RangeException's message:
@@ -145,6 +203,15 @@ void checkRows(std::vector<TextRow> const& rows, Whole whole) {
     EXPECT_EQ(expectStrepRoundTrip(v), r.canonical);
     EXPECT_EQ(static_cast<std::size_t>(pos - text.begin()), r.consumed);
   }
+}
+
+// Texts both readers refuse, each with its message: rows of checkRows that
+// read nothing.
+template <class T, class Whole>
+void checkRefusals(std::vector<OutcomeRow> const& refusals, Whole whole) {
+  std::vector<TextRow> rows;
+  for (auto const& r : refusals) rows.push_back({r.text, nullptr, r.outcome, 0});
+  checkRows<T>(rows, whole);
 }
 
 // Writes the values to one attribute log and reads them back in order:

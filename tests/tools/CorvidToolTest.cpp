@@ -33,6 +33,14 @@ std::string shown(ToolResult const& r) {
          "--- stderr\n" + r.err;
 }
 
+// Runs the tool into `r`; every failure in the enclosing scope shows the run.
+#define RUN(r, ...)                                \
+  ToolResult const r = runCorvid(__VA_ARGS__);     \
+  SCOPED_TRACE(shown(r))
+
+bool has(std::string const& text, std::string const& part) { return text.find(part) != std::string::npos; }
+bool startsWith(std::string const& text, std::string const& part) { return text.rfind(part, 0) == 0; }
+
 class CorvidTool : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -54,20 +62,19 @@ std::vector<std::string> const synopses = {
 
 TEST_F(CorvidTool, Help_ListsEverySubcommandWithItsSynopsis) {
   for (std::string flag : {"--help", "-h", "help"}) {
-    ToolResult const r = runCorvid({flag});
-    ASSERT_EQ(r.status, 0) << flag << "\n" << shown(r);
-    EXPECT_EQ(r.err, "") << flag;
-    EXPECT_EQ(r.out.rfind("usage: corvid ", 0), 0u) << r.out;
-    for (auto const& s : synopses) EXPECT_NE(r.out.find("\n  " + s + "\n"), std::string::npos) << flag << ": " << s;
+    RUN(r, {flag});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    EXPECT_TRUE(startsWith(r.out, "usage: corvid "));
+    for (auto const& s : synopses) EXPECT_TRUE(has(r.out, "\n  " + s + "\n")) << s;
   }
 }
 
 TEST_F(CorvidTool, SubcommandHelp_PrintsThatCommandsUsageAndSucceeds) {
   for (auto const& s : synopses) {
-    std::string const name = s.substr(0, s.find(' '));
-    ToolResult const r = runCorvid({name, "--help"});
-    EXPECT_EQ(r.status, 0) << name << "\n" << shown(r);
-    EXPECT_EQ(r.out.rfind("usage: corvid " + s + "\n", 0), 0u) << shown(r);
+    RUN(r, {s.substr(0, s.find(' ')), "--help"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_TRUE(startsWith(r.out, "usage: corvid " + s + "\n"));
     EXPECT_EQ(r.err, "");
   }
 }
@@ -76,12 +83,12 @@ TEST_F(CorvidTool, Version_PrintsTheProjectVersion) {
   std::ifstream cache(CorvidTest::buildDir() + "/CMakeCache.txt");
   std::string line, version;
   while (std::getline(cache, line)) {
-    if (line.rfind("CMAKE_PROJECT_VERSION:STATIC=", 0) == 0) version = line.substr(line.find('=') + 1);
+    if (startsWith(line, "CMAKE_PROJECT_VERSION:STATIC=")) version = line.substr(line.find('=') + 1);
   }
   ASSERT_EQ(std::count(version.begin(), version.end(), '.'), 2) << "'" << version << "'";
   ASSERT_EQ(version.find_first_not_of("0123456789."), std::string::npos) << "'" << version << "'";
-  ToolResult const r = runCorvid({"--version"});
-  EXPECT_EQ(r.status, 0) << shown(r);
+  RUN(r, {"--version"});
+  EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "corvid " + version + "\n");
   EXPECT_EQ(r.err, "");
 }
@@ -117,13 +124,11 @@ TEST_F(CorvidTool, BadCommandLines_ExitTwoWithTheReasonAndUsageOnStderr) {
       {{"send", "--to", "127.0.0.1", "--protocol", "udp", "00"}, "option '--protocol' takes a number, not 'udp'"},
   };
   for (auto const& c : cases) {
-    std::string line;
-    for (auto const& a : c.args) line += " '" + a + "'";
-    ToolResult const r = runCorvid(c.args);
-    EXPECT_EQ(r.status, 2) << "corvid" << line << "\n" << shown(r);
-    EXPECT_EQ(r.out, "") << "corvid" << line;
-    EXPECT_NE(r.err.find(c.message), std::string::npos) << "corvid" << line << "\n" << shown(r);
-    EXPECT_NE(r.err.find("usage: corvid "), std::string::npos) << "corvid" << line << "\n" << shown(r);
+    RUN(r, c.args);
+    EXPECT_EQ(r.status, 2) << c.message;
+    EXPECT_EQ(r.out, "") << c.message;
+    EXPECT_TRUE(has(r.err, c.message)) << c.message;
+    EXPECT_TRUE(has(r.err, "usage: corvid ")) << c.message;
   }
 }
 
@@ -131,10 +136,10 @@ TEST_F(CorvidTool, BadCommandLines_ExitTwoWithTheReasonAndUsageOnStderr) {
 
 struct ValueCase {
   char const* type;
-  char const* text;
-  char const* outcome;         // "= canonical text", or the exact error message
-  char const* strep = nullptr;  // when it differs from the canonical text
-  char const* fact = nullptr;   // one more "name: value" line the report must hold
+  std::vector<std::string> texts;  // each gives the same outcome
+  char const* outcome;             // "= canonical text", or the exact error message
+  char const* strep = nullptr;     // when it differs from the canonical text
+  char const* fact = nullptr;      // one more "name: value" line the report must hold
 };
 
 // VRF names of exactly the longest length and one byte more.
@@ -145,191 +150,171 @@ std::string const vrf101(101, 'v');
 
 ValueCase const valueCases[] = {
     // IPv4: leading zeros are decimal digits, an octet is read modulo 2^32.
-    {"ipv4", "1.2.3.4", "= 1.2.3.4", nullptr, "isUnicast: true"},
-    {"ipv4", "01.002.3.4", "= 1.2.3.4"},
-    {"ipv4", "4294967297.2.3.4", "= 1.2.3.4"},
-    {"ipv4", "255.255.255.255", "= 255.255.255.255", nullptr, "isPrivate: true"},
-    {"ipv4", "0.0.0.0", "= 0.0.0.0", nullptr, "isUnicast: true"},
-    {"ipv4", "224.0.0.1", "= 224.0.0.1", nullptr, "mcastEtherAddress: 01:00:5e:00:00:01"},
-    {"ipv4", "240.0.0.1", "= 240.0.0.1", nullptr, "isReserved(false): true"},
-    {"ipv4", "1.2.3", "Invalid IpAddr"},
-    {"ipv4", "1.2.3.", "Invalid IpAddr"},
-    {"ipv4", "1.2.3.256", "Invalid IpAddr"},
-    {"ipv4", "1.2.3.4x", "Invalid IpAddr"},
-    {"ipv4", "0x1.2.3.4", "Invalid IpAddr"},
-    {"ipv4", "", "Invalid IpAddr"},
+    {"ipv4", {"1.2.3.4", "01.002.3.4", "4294967297.2.3.4"}, "= 1.2.3.4", nullptr, "isUnicast: true"},
+    {"ipv4", {"255.255.255.255"}, "= 255.255.255.255", nullptr, "isPrivate: true"},
+    {"ipv4", {"0.0.0.0"}, "= 0.0.0.0", nullptr, "isUnicast: true"},
+    {"ipv4", {"224.0.0.1"}, "= 224.0.0.1", nullptr, "mcastEtherAddress: 01:00:5e:00:00:01"},
+    {"ipv4", {"240.0.0.1"}, "= 240.0.0.1", nullptr, "isReserved(false): true"},
+    {"ipv4", {"1.2.3", "1.2.3.", "1.2.3.256", "1.2.3.4x", "0x1.2.3.4", ""}, "Invalid IpAddr"},
     // IPv6: the first of two equal zero runs is compressed, a single zero never.
-    {"ipv6", "2001:db8:0:0:1:0:0:1", "= 2001:db8::1:0:0:1"},
-    {"ipv6", "2001:db8:0:1:1:1:1:1", "= 2001:db8:0:1:1:1:1:1"},
-    {"ipv6", "0:0:0:0:0:0:0:0", "= ::", nullptr, "isZero: true"},
-    {"ipv6", "fe80:0:0:0:0:0:0:0", "= fe80::"},
-    {"ipv6", "::FFFF:10.0.0.1", "= ::ffff:10.0.0.1", nullptr, "isV4MappedV6: true"},
-    {"ipv6", "2001:DB8::ABCD", "= 2001:db8::abcd", nullptr,
+    {"ipv6", {"2001:db8:0:0:1:0:0:1"}, "= 2001:db8::1:0:0:1"},
+    {"ipv6", {"2001:db8:0:1:1:1:1:1"}, "= 2001:db8:0:1:1:1:1:1"},
+    {"ipv6", {"0:0:0:0:0:0:0:0"}, "= ::", nullptr, "isZero: true"},
+    {"ipv6", {"fe80:0:0:0:0:0:0:0"}, "= fe80::"},
+    {"ipv6", {"::FFFF:10.0.0.1"}, "= ::ffff:10.0.0.1", nullptr, "isV4MappedV6: true"},
+    {"ipv6", {"2001:DB8::ABCD"}, "= 2001:db8::abcd", nullptr,
      "expanded: 2001:0db8:0000:0000:0000:0000:0000:abcd"},
-    {"ipv6", "fe80:0:0:1::1", "= fe80:0:0:1::1", nullptr, "isLinkLocalUnicast2: true"},
-    {"ipv6", "1::2::3", "Ip6Addr: only one '::' allowed"},
-    {"ipv6", "2001:db8::1/64", "Ip6Addr: unexpected trailing characters"},
-    {"ipv6", "1:2:3", "Ip6Addr: incomplete ipv6 address"},
-    {"ipv6", "1:::2", "Ip6Addr: too many colons"},
-    {"ipv6", "10000::", "Ip6Addr: hex value too large"},
-    {"ipv6", "00000::", "Ip6Addr: too many consecutive hex digits"},
+    {"ipv6", {"fe80:0:0:1::1"}, "= fe80:0:0:1::1", nullptr, "isLinkLocalUnicast2: true"},
+    {"ipv6", {"1::2::3"}, "Ip6Addr: only one '::' allowed"},
+    {"ipv6", {"2001:db8::1/64"}, "Ip6Addr: unexpected trailing characters"},
+    {"ipv6", {"1:2:3"}, "Ip6Addr: incomplete ipv6 address"},
+    {"ipv6", {"1:::2"}, "Ip6Addr: too many colons"},
+    {"ipv6", {"10000::"}, "Ip6Addr: hex value too large"},
+    {"ipv6", {"00000::"}, "Ip6Addr: too many consecutive hex digits"},
     // Either family: the first ':' or '.' picks the reader.
-    {"ip", "10.1.1.1", "= 10.1.1.1", nullptr, "af: ipv4"},
-    {"ip", "fe80::1", "= fe80::1", nullptr, "af: ipv6"},
-    {"ip", "::ffff:1.2.3.4", "= ::ffff:1.2.3.4", nullptr, "mapped: 1.2.3.4"},
-    {"ip", "/8", "Invalid IpGenAddr"},
-    {"ip", "abc", "Invalid IpGenAddr"},
-    {"ip", "1.2.3.999", "Invalid IpAddr"},
-    {"ip", "1::2::3", "Ip6Addr: only one '::' allowed"},
+    {"ip", {"10.1.1.1"}, "= 10.1.1.1", nullptr, "af: ipv4"},
+    {"ip", {"fe80::1"}, "= fe80::1", nullptr, "af: ipv6"},
+    {"ip", {"::ffff:1.2.3.4"}, "= ::ffff:1.2.3.4", nullptr, "mapped: 1.2.3.4"},
+    {"ip", {"/8", "abc"}, "Invalid IpGenAddr"},
+    {"ip", {"1.2.3.999"}, "Invalid IpAddr"},
+    {"ip", {"1::2::3"}, "Ip6Addr: only one '::' allowed"},
     // Prefixes and addresses with a length.
-    {"ipv4-prefix", "10.0.0.0/8", "= 10.0.0.0/8"},
-    {"ipv4-prefix", "0.0.0.0/0", "= 0.0.0.0/0"},
-    {"ipv4-prefix", "10.0.0.1/8", "Invalid Prefix - non-zero after prefixlen"},
-    {"ipv4-prefix", "10.0.0.0/33", "Invalid Prefix - non-zero after prefixlen"},
-    {"ipv4-prefix", "10.0.0.0/8x", "Invalid Prefix - non-zero after prefixlen"},
-    {"ipv4-prefix", "10.0.0.0/", "premature end of Prefix type"},
-    {"ipv4-prefix", "10.0.0.0", "premature end of Prefix type"},
-    {"ipv4-prefix", "10.0.0.0/x", "premature end of Prefix type"},
-    {"ipv4-with-mask", "10.0.0.1/8", "= 10.0.0.1/8"},
-    {"ipv4-with-mask", "10.0.0.1/40", "= 10.0.0.1/40"},
-    {"ipv6-prefix", "2001:db8::/32", "= 2001:db8::/32"},
-    {"ipv6-prefix", "2001:db8::", "= 2001:db8::/128", nullptr, "isHostRoutePrefix: true"},
-    {"ipv6-prefix", "2001:db8::/129", "Ip6AddrWithMask: prefix too long"},
-    {"ipv6-prefix", "2001:db8::/x", "Ip6AddrWithMask: prefix size expected"},
-    {"ipv6-with-mask", "2001:db8::1/64", "= 2001:db8::1/64", nullptr, "subnet: 2001:db8::/64"},
-    {"ip-prefix", "10.0.0.0/8", "= 10.0.0.0/8", nullptr, "af: ipv4"},
-    {"ip-prefix", "2001:db8::/32", "= 2001:db8::/32", nullptr, "af: ipv6"},
-    {"ip-prefix", "10.0.0.1/8", "Invalid Prefix - non-zero after prefixlen"},
-    {"ip-with-mask", "10.0.0.1/8", "= 10.0.0.1/8", nullptr, "subnet: 10.0.0.0/8"},
-    {"ip-with-mask", "2001:db8::1/64", "= 2001:db8::1/64", nullptr, "af: ipv6"},
+    {"ipv4-prefix", {"10.0.0.0/8"}, "= 10.0.0.0/8"},
+    {"ipv4-prefix", {"0.0.0.0/0"}, "= 0.0.0.0/0"},
+    {"ipv4-prefix", {"10.0.0.1/8", "10.0.0.0/33", "10.0.0.0/8x"}, "Invalid Prefix - non-zero after prefixlen"},
+    {"ipv4-prefix", {"10.0.0.0/", "10.0.0.0", "10.0.0.0/x"}, "premature end of Prefix type"},
+    {"ipv4-with-mask", {"10.0.0.1/8"}, "= 10.0.0.1/8"},
+    {"ipv4-with-mask", {"10.0.0.1/40"}, "= 10.0.0.1/40"},
+    {"ipv6-prefix", {"2001:db8::/32"}, "= 2001:db8::/32"},
+    {"ipv6-prefix", {"2001:db8::"}, "= 2001:db8::/128", nullptr, "isHostRoutePrefix: true"},
+    {"ipv6-prefix", {"2001:db8::/129"}, "Ip6AddrWithMask: prefix too long"},
+    {"ipv6-prefix", {"2001:db8::/x"}, "Ip6AddrWithMask: prefix size expected"},
+    {"ipv6-with-mask", {"2001:db8::1/64"}, "= 2001:db8::1/64", nullptr, "subnet: 2001:db8::/64"},
+    {"ip-prefix", {"10.0.0.0/8"}, "= 10.0.0.0/8", nullptr, "af: ipv4"},
+    {"ip-prefix", {"2001:db8::/32"}, "= 2001:db8::/32", nullptr, "af: ipv6"},
+    {"ip-prefix", {"10.0.0.1/8"}, "Invalid Prefix - non-zero after prefixlen"},
+    {"ip-with-mask", {"10.0.0.1/8"}, "= 10.0.0.1/8", nullptr, "subnet: 10.0.0.0/8"},
+    {"ip-with-mask", {"2001:db8::1/64"}, "= 2001:db8::1/64", nullptr, "af: ipv6"},
     // Masks: a contiguous IPv6 mask prints as a length, any other as an address.
-    {"ipv6-full-mask", "2001:db8::/ffff::", "= 2001:db8::/16", nullptr, "hasPrefixRepr: true"},
-    {"ipv6-full-mask", "2001:db8::/ffff::ff", "= 2001:db8::/ffff::ff", nullptr, "hasPrefixRepr: false"},
-    {"ipv6-full-mask", "2001:db8::", "Ip6AddrWithFullMask: mask expected"},
-    {"ipv4-full-mask", "Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})",
+    {"ipv6-full-mask", {"2001:db8::/ffff::"}, "= 2001:db8::/16", nullptr, "hasPrefixRepr: true"},
+    {"ipv6-full-mask", {"2001:db8::/ffff::ff"}, "= 2001:db8::/ffff::ff", nullptr, "hasPrefixRepr: false"},
+    {"ipv6-full-mask", {"2001:db8::"}, "Ip6AddrWithFullMask: mask expected"},
+    {"ipv4-full-mask", {"Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})"},
      "= Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})", nullptr, "mask: 255"},
-    {"ip-full-mask", "10.0.0.0/24", "= 10.0.0.0/24",
+    {"ip-full-mask", {"10.0.0.0/24"}, "= 10.0.0.0/24",
      "Value('Corvid::IpGenAddrWithFullMask', ** {'address': 10.0.0.0, 'mask': 255.255.255.0})"},
-    {"ip-full-mask", "10.0.0.0/264", "= 10.0.0.0/8",  // the length is kept modulo 256
+    {"ip-full-mask", {"10.0.0.0/264"}, "= 10.0.0.0/8",  // the length is kept modulo 256
      "Value('Corvid::IpGenAddrWithFullMask', ** {'address': 10.0.0.0, 'mask': 255.0.0.0})"},
-    {"ip-full-mask", "10.0.0.0/33", "Invalid IPv4 prefix length"},
-    {"ip-full-mask", "10.0.0.0/8x", "Invalid IPv4 prefix"},
+    {"ip-full-mask", {"10.0.0.0/33"}, "Invalid IPv4 prefix length"},
+    {"ip-full-mask", {"10.0.0.0/8x"}, "Invalid IPv4 prefix"},
     // Ethernet: the first separator fixes the form; ':' and '-' bytes, '.' words.
-    {"eth", "00:1c:73:0a:0b:0c", "= 00:1c:73:0a:0b:0c", nullptr, "displayString: 001c.730a.0b0c"},
-    {"eth", "00-1C-73-0A-0B-0C", "= 00:1c:73:0a:0b:0c"},
-    {"eth", "001c.730a.0b0c", "= 00:1c:73:0a:0b:0c"},
-    {"eth", "0:1c:73:a:b:c", "= 00:1c:73:0a:0b:0c", nullptr, "oui: 0x001c73"},
-    {"eth", "ff:ff:ff:ff:ff:ff", "= ff:ff:ff:ff:ff:ff", nullptr, "isMulticast: false"},
-    {"eth", "01:00:5e:00:00:01", "= 01:00:5e:00:00:01", nullptr, "isIp4LinkLocalMulticast: true"},
-    {"eth", "33:33:00:00:00:01", "= 33:33:00:00:00:01", nullptr, "isIp6Multicast: true"},
-    {"eth", "01:80:c2:00:00:10", "= 01:80:c2:00:00:10", nullptr, "isIEEELinkConstrained: false"},
-    {"eth", "01:00:0c:cc:cc:cd", "= 01:00:0c:cc:cc:cd", nullptr, "isIEEELinkConstrained: true"},
-    {"eth", "00:1c-73:0a:0b:0c", "Invalid EthAddr"},
-    {"eth", "00:1c:73:0a:0b", "Invalid EthAddr"},
-    {"eth", "100:1c:73:0a:0b:0c", "Invalid EthAddr"},
-    {"eth", "00:1c:73:0a:0b:0c:0d", "Invalid EthAddr"},
-    {"eth", "", "Invalid EthAddr"},
-    {"eui64", "02:1C:73:FF:FE:0A:0B:0C", "= 02:1c:73:ff:fe:0a:0b:0c"},
-    {"eui64", "021c.73ff.fe0a.0b0c", "= 02:1c:73:ff:fe:0a:0b:0c"},
-    {"eui64", "02:1c:73:ff:fe:0a:0b", "Invalid Eui64"},
+    {"eth", {"00:1c:73:0a:0b:0c", "00-1C-73-0A-0B-0C", "001c.730a.0b0c"},
+     "= 00:1c:73:0a:0b:0c", nullptr, "displayString: 001c.730a.0b0c"},
+    {"eth", {"0:1c:73:a:b:c"}, "= 00:1c:73:0a:0b:0c", nullptr, "oui: 0x001c73"},
+    {"eth", {"ff:ff:ff:ff:ff:ff"}, "= ff:ff:ff:ff:ff:ff", nullptr, "isMulticast: false"},
+    {"eth", {"01:00:5e:00:00:01"}, "= 01:00:5e:00:00:01", nullptr, "isIp4LinkLocalMulticast: true"},
+    {"eth", {"33:33:00:00:00:01"}, "= 33:33:00:00:00:01", nullptr, "isIp6Multicast: true"},
+    {"eth", {"01:80:c2:00:00:10"}, "= 01:80:c2:00:00:10", nullptr, "isIEEELinkConstrained: false"},
+    {"eth", {"01:00:0c:cc:cc:cd"}, "= 01:00:0c:cc:cc:cd", nullptr, "isIEEELinkConstrained: true"},
+    {"eth", {"00:1c-73:0a:0b:0c", "00:1c:73:0a:0b", "100:1c:73:0a:0b:0c", "00:1c:73:0a:0b:0c:0d", ""},
+     "Invalid EthAddr"},
+    {"eui64", {"02:1C:73:FF:FE:0A:0B:0C", "021c.73ff.fe0a.0b0c"}, "= 02:1c:73:ff:fe:0a:0b:0c"},
+    {"eui64", {"02:1c:73:ff:fe:0a:0b"}, "Invalid Eui64"},
     // MPLS.
-    {"mpls-label", "0", "= 0", nullptr, "prettyString: exp-null-v4(0)"},
-    {"mpls-label", "3", "= 3", nullptr, "prettyString: imp-null(3)"},
-    {"mpls-label", "1048576", "= 1048576", nullptr, "prettyString: N/A"},
-    {"mpls-label", "8388608", "= 8388608", nullptr, "prettyString: (lu-withdraw)"},
-    {"mpls-label", "8388609", "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed"},
-    {"mpls-stack", "TOP ( 200 100 ) BOTTOM", "= TOP ( 200 100 ) BOTTOM",
+    {"mpls-label", {"0"}, "= 0", nullptr, "prettyString: exp-null-v4(0)"},
+    {"mpls-label", {"3"}, "= 3", nullptr, "prettyString: imp-null(3)"},
+    {"mpls-label", {"1048576"}, "= 1048576", nullptr, "prettyString: N/A"},
+    {"mpls-label", {"8388608"}, "= 8388608", nullptr, "prettyString: (lu-withdraw)"},
+    {"mpls-label", {"8388609"}, "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed"},
+    {"mpls-stack", {"TOP ( 200 100 ) BOTTOM"}, "= TOP ( 200 100 ) BOTTOM",
      "Value('Corvid::BoundedMplsLabelStack', ** {'stackSize': 2, 'label0': 100, 'label1': 200, 'label2': 1048576, "
      "'label3': 1048576, 'label4': 1048576, 'label5': 1048576, 'label6': 1048576, 'entropyLabelBitMap': 0, "
      "'entropyLabelIndicatorBitMap': 0})"},
-    {"mpls-stack", "TOP ( ELI EL 100 ) BOTTOM", "= TOP ( ELI EL 100 ) BOTTOM",
+    {"mpls-stack", {"TOP ( ELI EL 100 ) BOTTOM"}, "= TOP ( ELI EL 100 ) BOTTOM",
      "Value('Corvid::BoundedMplsLabelStack', ** {'stackSize': 1, 'label0': 100, 'label1': 1048576, 'label2': 1048576, "
      "'label3': 1048576, 'label4': 1048576, 'label5': 1048576, 'label6': 1048576, 'entropyLabelBitMap': 2, "
      "'entropyLabelIndicatorBitMap': 4})",
      "calculatedStackSize: 3"},
     // Names and identifiers.
-    {"vrf", "default", "= default", "'default'", "isDefault: true"},
-    {"vrf", "multiple source VRFs", "= multiple source VRFs", "'multiple source VRFs'", "isDefault: false"},
-    {"vrf", vrf100.c_str(), vrf100Outcome.c_str(), vrf100Strep.c_str(), "bytes: 100"},
-    {"vrf", vrf101.c_str(), "VrfName::value::bytes > VrfName::maxLength not allowed"},
-    {"vni", "16777215", "= 16777215", nullptr, "hex: 0xffffff"},
-    {"vni", "00042", "= 42"},
-    {"vni", "16777216", "Vni::value < Vni::min or > Vni::max not allowed"},
-    {"vni", "abc", "Invalid Vni"},
-    {"vni-ext", "2:10000", "= 2:10000", nullptr, "domain: 2"},
-    {"vni-ext", "abc", "Invalid VniExt String"},
-    {"isis-system-id", "1921.6800.1001", "= 1921.6800.1001", nullptr, "isZero: false"},
-    {"isis-system-id", "0000.0000.0000", "= 0000.0000.0000", nullptr, "isZero: true"},
-    {"isis-system-id", "1921-6800.1001", "'.' expected"},
-    {"isis-system-id", "1921.68g0.1001", "Hex digit expected, but got: 'g'"},
-    {"isis-system-id", "1921.6800.1001x", "Unexpected trailing characters"},
-    {"isis-lsp-id", "1921.6800.1001.00-01", "= 1921.6800.1001.00-01", nullptr, "lspFragmentId: 1"},
-    {"isis-lsp-id", "1921.6800.1001.00.01", "'-' expected"},
-    {"isis-lsp-id", "1921.6800.1001.0-01", "Two hex digits expected, but got only 1"},
-    {"isis-area", "49.0001", "= 49.0001", nullptr, "length: 3"},
-    {"intf", "Ethernet1/2", "= Ethernet1/2", "'Ethernet1/2'", "shortName: Et1/2"},
-    {"intf", "Po10", "= Po10", "'Po10'", "fromShortName: Port-Channel10"},
+    {"vrf", {"default"}, "= default", "'default'", "isDefault: true"},
+    {"vrf", {"multiple source VRFs"}, "= multiple source VRFs", "'multiple source VRFs'", "isDefault: false"},
+    {"vrf", {vrf100.c_str()}, vrf100Outcome.c_str(), vrf100Strep.c_str(), "bytes: 100"},
+    {"vrf", {vrf101.c_str()}, "VrfName::value::bytes > VrfName::maxLength not allowed"},
+    {"vni", {"16777215"}, "= 16777215", nullptr, "hex: 0xffffff"},
+    {"vni", {"00042"}, "= 42"},
+    {"vni", {"16777216"}, "Vni::value < Vni::min or > Vni::max not allowed"},
+    {"vni", {"abc"}, "Invalid Vni"},
+    {"vni-ext", {"2:10000"}, "= 2:10000", nullptr, "domain: 2"},
+    {"vni-ext", {"abc"}, "Invalid VniExt String"},
+    {"isis-system-id", {"1921.6800.1001"}, "= 1921.6800.1001", nullptr, "isZero: false"},
+    {"isis-system-id", {"0000.0000.0000"}, "= 0000.0000.0000", nullptr, "isZero: true"},
+    {"isis-system-id", {"1921-6800.1001"}, "'.' expected"},
+    {"isis-system-id", {"1921.68g0.1001"}, "Hex digit expected, but got: 'g'"},
+    {"isis-system-id", {"1921.6800.1001x"}, "Unexpected trailing characters"},
+    {"isis-lsp-id", {"1921.6800.1001.00-01"}, "= 1921.6800.1001.00-01", nullptr, "lspFragmentId: 1"},
+    {"isis-lsp-id", {"1921.6800.1001.00.01"}, "'-' expected"},
+    {"isis-lsp-id", {"1921.6800.1001.0-01"}, "Two hex digits expected, but got only 1"},
+    {"isis-area", {"49.0001"}, "= 49.0001", nullptr, "length: 3"},
+    {"intf", {"Ethernet1/2"}, "= Ethernet1/2", "'Ethernet1/2'", "shortName: Et1/2"},
+    {"intf", {"Po10"}, "= Po10", "'Po10'", "fromShortName: Port-Channel10"},
 };
 
 // The report of one text: its echo, then "  name: value" lines.
 std::string reportLine(std::string const& name, std::string const& value) { return "\n  " + name + ": " + value + "\n"; }
 
 void expectValue(ValueCase const& c, std::string const& text) {
-  std::string const where = std::string("corvid value ") + c.type + " '" + text + "'";
-  ToolResult const r = runCorvid({"value", c.type, text});
+  RUN(r, {"value", c.type, text});
   std::string const outcome = c.outcome;
-  if (outcome.rfind("= ", 0) != 0) {
-    EXPECT_EQ(r.status, 1) << where << "\n" << shown(r);
-    EXPECT_EQ(r.out, text + "\n  error: " + outcome + "\n") << where;
-    EXPECT_EQ(r.err, "corvid value: " + text + ": " + outcome + "\n") << where;
+  if (!startsWith(outcome, "= ")) {
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, text + "\n  error: " + outcome + "\n");
+    EXPECT_EQ(r.err, "corvid value: " + text + ": " + outcome + "\n");
     return;
   }
   std::string const canonical = outcome.substr(2);
-  EXPECT_EQ(r.status, 0) << where << "\n" << shown(r);
-  EXPECT_EQ(r.err, "") << where;
-  EXPECT_EQ(r.out.rfind(text + "\n", 0), 0u) << where << "\n" << shown(r);
-  EXPECT_NE(r.out.find(reportLine("text", canonical)), std::string::npos) << where << "\n" << shown(r);
-  EXPECT_NE(r.out.find(reportLine("strep", c.strep ? c.strep : canonical.c_str())), std::string::npos)
-      << where << "\n" << shown(r);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.err, "");
+  EXPECT_TRUE(startsWith(r.out, text + "\n"));
+  EXPECT_TRUE(has(r.out, reportLine("text", canonical)));
+  EXPECT_TRUE(has(r.out, reportLine("strep", c.strep ? c.strep : canonical.c_str())));
   if (c.fact) {
-    EXPECT_NE(r.out.find(std::string("\n  ") + c.fact + "\n"), std::string::npos) << where << "\n" << shown(r);
+    EXPECT_TRUE(has(r.out, std::string("\n  ") + c.fact + "\n")) << c.fact;
   }
 }
 
 TEST_F(CorvidTool, Value_PrintsCanonicalTextAndStrepOrTheExactMessage) {
-  for (auto const& c : valueCases) expectValue(c, c.text);
+  for (auto const& c : valueCases) {
+    for (auto const& text : c.texts) expectValue(c, text);
+  }
 }
 
 TEST_F(CorvidTool, Value_CanonicalTextReadsBackToItself) {
   for (auto const& c : valueCases) {
-    std::string const outcome = c.outcome;
-    if (outcome.rfind("= ", 0) == 0) expectValue(c, outcome.substr(2));
+    if (startsWith(c.outcome, "= ")) expectValue(c, c.outcome + 2);
   }
 }
 
 TEST_F(CorvidTool, ValueTypeList_NamesEveryTypeTheTableExercises) {
-  ToolResult const r = runCorvid({"value"});
-  ASSERT_EQ(r.status, 2) << shown(r);
+  RUN(r, {"value"});
+  ASSERT_EQ(r.status, 2);
   std::size_t const from = r.err.find("one of: ");
   std::size_t const to = r.err.find(')', from);
-  ASSERT_TRUE(from != std::string::npos && to != std::string::npos) << r.err;
+  ASSERT_TRUE(from != std::string::npos && to != std::string::npos);
   std::string const list = " " + r.err.substr(from + 8, to - from - 8) + " ";
-  for (auto const& c : valueCases) EXPECT_NE(list.find(std::string(" ") + c.type + " "), std::string::npos) << c.type;
+  for (auto const& c : valueCases) EXPECT_TRUE(has(list, std::string(" ") + c.type + " ")) << c.type;
 }
 
 TEST_F(CorvidTool, ValueWithSeveralTexts_ReportsEachInOrderAndFailsIfAnyFails) {
-  ToolResult const r = runCorvid({"value", "ipv4", "10.0.0.1", "10.0.0", "10.0.0.2"});
-  EXPECT_EQ(r.status, 1) << shown(r);
+  RUN(r, {"value", "ipv4", "10.0.0.1", "10.0.0", "10.0.0.2"});
+  EXPECT_EQ(r.status, 1);
   std::size_t const first = r.out.find("10.0.0.1\n  text: 10.0.0.1\n");
   std::size_t const bad = r.out.find("10.0.0\n  error: Invalid IpAddr\n");
   std::size_t const last = r.out.find("10.0.0.2\n  text: 10.0.0.2\n");
-  EXPECT_TRUE(first != std::string::npos && bad != std::string::npos && last != std::string::npos) << shown(r);
+  EXPECT_TRUE(first != std::string::npos && bad != std::string::npos && last != std::string::npos);
   EXPECT_LT(first, bad);
   EXPECT_LT(bad, last);
   EXPECT_EQ(r.err, "corvid value: 10.0.0: Invalid IpAddr\n");
-
-  ToolResult const good = runCorvid({"value", "ipv4", "10.0.0.1", "10.0.0.2"});
-  EXPECT_EQ(good.status, 0) << shown(good);
+  EXPECT_EQ(runCorvid({"value", "ipv4", "10.0.0.1", "10.0.0.2"}).status, 0);
 }
 
 // Thomas Wang's 32-bit integer hash, written out from its definition.
@@ -343,9 +328,10 @@ U32 wang(U32 h) {
   return h;
 }
 
-std::string hexWord(U32 v) {
+// "0x" and `digits` lower-case hex digits.
+std::string hexNum(U32 v, int digits) {
   char buf[16];
-  std::snprintf(buf, sizeof buf, "0x%08x", v);
+  std::snprintf(buf, sizeof buf, "0x%0*x", digits, v);
   return buf;
 }
 
@@ -364,23 +350,20 @@ TEST_F(CorvidTool, ValueHashes_AreWangHashesOfTheStoredWords) {
       {"eth", "00:1c:73:0a:0b:0c", wang(((0x001cu ^ 0x730au) << 16) | 0x0b0cu)},
   };
   for (auto const& c : cases) {
-    ToolResult const r = runCorvid({"value", c.type, c.text});
-    EXPECT_EQ(r.status, 0) << shown(r);
-    EXPECT_NE(r.out.find(reportLine("hash", hexWord(c.hash))), std::string::npos)
-        << c.type << " " << c.text << ": expected " << hexWord(c.hash) << "\n" << shown(r);
+    RUN(r, {"value", c.type, c.text});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_TRUE(has(r.out, reportLine("hash", hexNum(c.hash, 8)))) << "expected " << hexNum(c.hash, 8);
   }
 }
 
 // ---- packet ----------------------------------------------------------------
 
-// RFC 1071 one's-complement sum over 16-bit big-endian words.
-U32 onesSum(std::string const& bytes, U32 sum = 0) {
+// RFC 1071 one's-complement sum over 16-bit big-endian words, folded and complemented.
+U16 checksum(std::string const& bytes) {
+  U32 sum = 0;
   for (std::size_t i = 0; i < bytes.size(); i += 2) {
     sum += U32(U8(bytes[i])) << 8 | (i + 1 < bytes.size() ? U8(bytes[i + 1]) : 0);
   }
-  return sum;
-}
-U16 fold(U32 sum) {
   while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
   return static_cast<U16>(~sum & 0xffff);
 }
@@ -393,19 +376,17 @@ struct UdpFrame {
   U16 srcPort = 1234, dstPort = 5678, identification = 1;
   std::string payload = "corvid test payload!";
 
-  U16 ipChecksum() const { return fold(onesSum(ipHeader(0))); }
-  U16 udpChecksum() const {
-    std::string const pseudo = std::string("\xc0\x00\x02\x01\xc0\x00\x02\x02\x00\x11", 10) + be16(udpLength());
-    U16 c = fold(onesSum(udp(0), onesSum(pseudo)));
-    return c ? c : 0xffff;
-  }
+  std::string const addrs = std::string("\xc0\x00\x02\x01\xc0\x00\x02\x02", 8);
   U16 udpLength() const { return static_cast<U16>(8 + payload.size()); }
-  std::string ipHeader(U16 checksum) const {
+  std::string ipHeader(U16 sum) const {
     return std::string("\x45\x00", 2) + be16(static_cast<U16>(20 + udpLength())) + be16(identification) +
-           std::string("\x40\x00\x40\x11", 4) + be16(checksum) + std::string("\xc0\x00\x02\x01\xc0\x00\x02\x02", 8);
+           std::string("\x40\x00\x40\x11", 4) + be16(sum) + addrs;
   }
-  std::string udp(U16 checksum) const {
-    return be16(srcPort) + be16(dstPort) + be16(udpLength()) + be16(checksum) + payload;
+  std::string udp(U16 sum) const { return be16(srcPort) + be16(dstPort) + be16(udpLength()) + be16(sum) + payload; }
+  U16 ipChecksum() const { return checksum(ipHeader(0)); }
+  U16 udpChecksum() const {
+    U16 const c = checksum(addrs + std::string("\x00\x11", 2) + be16(udpLength()) + udp(0));
+    return c ? c : 0xffff;
   }
   std::string bytes() const {
     return std::string("\xff\xff\xff\xff\xff\xff\x02\x00\x00\x00\x00\x01\x08\x00", 14) + ipHeader(ipChecksum()) +
@@ -415,18 +396,8 @@ struct UdpFrame {
 
 std::string toHex(std::string const& bytes) {
   std::string s;
-  char buf[3];
-  for (char c : bytes) {
-    std::snprintf(buf, sizeof buf, "%02x", U8(c));
-    s += buf;
-  }
+  for (char c : bytes) s += hexNum(U8(c), 2).substr(2);
   return s;
-}
-
-std::string hex16(U16 v) {
-  char buf[8];
-  std::snprintf(buf, sizeof buf, "0x%04x", v);
-  return buf;
 }
 
 struct PacketCase {
@@ -439,54 +410,43 @@ struct PacketCase {
 TEST_F(CorvidTool, Packet_DecodesHeadersAndGivesChecksumAndSanityVerdicts) {
   UdpFrame const f;
   std::string const good = f.bytes();
-  std::string badIp = good;
+  std::string badIp = good, badUdp = good, noUdpChecksum = good;
   badIp[14 + 10] ^= 0x5a;
-  std::string badUdp = good;
   badUdp[34 + 6] ^= 0x01;
-  std::string noUdpChecksum = good;
   noUdpChecksum[34 + 6] = noUdpChecksum[34 + 7] = 0;
-  std::string const ipLine = " src=192.0.2.1 dst=192.0.2.2 checksum=" + hex16(f.ipChecksum());
+  std::string const ipLine = " src=192.0.2.1 dst=192.0.2.2 checksum=" + hexNum(f.ipChecksum(), 4);
 
   PacketCase const cases[] = {
-      {"a valid UDP/IPv4 frame",
-       good,
-       0,
+      {"a valid UDP/IPv4 frame", good, 0,
        {"frame: 62 bytes\n",
         "ethernet @0: dst=ff:ff:ff:ff:ff:ff src=02:00:00:00:00:01 ethType=0x0800\n",
         "ipv4 @14: version=4 headerLength=5 tos=0 totalLength=48 identification=1 df=1 mf=0 fragmentOffset=0 "
         "ttl=64 protocol=17",
         ipLine + " (valid)\n",
-        "udp @34: srcPort=1234 dstPort=5678 length=28 checksum=" + hex16(f.udpChecksum()) + " (valid)\n",
+        "udp @34: srcPort=1234 dstPort=5678 length=28 checksum=" + hexNum(f.udpChecksum(), 4) + " (valid)\n",
         "payload @42: 20 bytes (udp data)\n",
         "checkEthIpHdr: 0 (noError)\n"}},
-      {"a corrupted IPv4 header checksum",
-       badIp,
-       1,
-       {"checksum=" + hex16(f.ipChecksum() ^ 0x5a00) + " (invalid, computed " + hex16(f.ipChecksum()) + ")\n",
+      {"a corrupted IPv4 header checksum", badIp, 1,
+       {"checksum=" + hexNum(f.ipChecksum() ^ 0x5a00, 4) + " (invalid, computed " + hexNum(f.ipChecksum(), 4) + ")\n",
         "checkEthIpHdr: -50 (badIpHdrChecksum)\n"}},
-      {"a corrupted UDP checksum",
-       badUdp,
-       1,
-       {"checksum=" + hex16(f.udpChecksum() ^ 0x0100) + " (invalid, computed " + hex16(f.udpChecksum()) + ")\n",
+      {"a corrupted UDP checksum", badUdp, 1,
+       {"checksum=" + hexNum(f.udpChecksum() ^ 0x0100, 4) + " (invalid, computed " + hexNum(f.udpChecksum(), 4) +
+            ")\n",
         "checkEthIpHdr: 0 (noError)\n"}},
       {"a UDP checksum of zero (none computed)", noUdpChecksum, 0, {"length=28 checksum=none\n"}},
-      {"a frame cut inside the IPv4 header",
-       good.substr(0, 30),
-       1,
+      {"a frame cut inside the IPv4 header", good.substr(0, 30), 1,
        {"truncated: ipv4 needs 20 bytes at @14, 16 left\n", "checkEthIpHdr: -1 (pktTooShort)\n"}},
-      {"a frame cut inside the UDP header",
-       good.substr(0, 40),
-       1,
+      {"a frame cut inside the UDP header", good.substr(0, 40), 1,
        {ipLine + " (valid)\n", "note: total length runs past the frame\n",
         "truncated: udp needs 8 bytes at @34, 6 left\n", "checkEthIpHdr: -51 (badIpPayloadLen)\n"}},
       {"a frame shorter than an Ethernet header", good.substr(0, 10), 1, {"truncated: ethernet needs 14 bytes at @0, 10 left\n"}},
       {"an empty frame", "", 1, {"frame: 0 bytes\n", "truncated: ethernet needs 14 bytes at @0, 0 left\n"}},
   };
   for (auto const& c : cases) {
-    ToolResult const r = runCorvid({"packet", toHex(c.frame)});
-    EXPECT_EQ(r.status, c.status) << c.what << "\n" << shown(r);
+    RUN(r, {"packet", toHex(c.frame)});
+    EXPECT_EQ(r.status, c.status) << c.what;
     EXPECT_EQ(r.err, "") << c.what;
-    for (auto const& e : c.expected) EXPECT_NE(r.out.find(e), std::string::npos) << c.what << ": " << e << "\n" << shown(r);
+    for (auto const& e : c.expected) EXPECT_TRUE(has(r.out, e)) << c.what << ": " << e;
   }
 }
 
@@ -495,10 +455,7 @@ TEST_F(CorvidTool, PacketHex_AcceptsPrefixesSeparatorsAndSplitWords) {
   ToolResult const plain = runCorvid({"packet", hex});
   ASSERT_EQ(plain.status, 0) << shown(plain);
   std::string colons;
-  for (std::size_t i = 0; i < hex.size(); i += 2) {
-    if (i) colons += ':';
-    colons.append(hex, i, 2);
-  }
+  for (std::size_t i = 0; i < hex.size(); i += 2) colons.append(i ? ":" : "").append(hex, i, 2);
   std::vector<std::vector<std::string>> const spellings = {
       {"packet", "0x" + hex},
       {"packet", colons},
@@ -506,8 +463,8 @@ TEST_F(CorvidTool, PacketHex_AcceptsPrefixesSeparatorsAndSplitWords) {
       {"packet", "ffff.ffff.ffff-0200.0000.0001-" + hex.substr(24)},
   };
   for (auto const& args : spellings) {
-    ToolResult const r = runCorvid(args);
-    EXPECT_EQ(r.status, 0) << args[1] << "\n" << shown(r);
+    RUN(r, args);
+    EXPECT_EQ(r.status, 0) << args[1];
     EXPECT_EQ(r.out, plain.out) << args[1];
   }
 }
@@ -515,10 +472,10 @@ TEST_F(CorvidTool, PacketHex_AcceptsPrefixesSeparatorsAndSplitWords) {
 TEST_F(CorvidTool, PacketWithBadHex_ExitsOneWithAMessageAndNoDecode) {
   std::string const hex = toHex(UdpFrame().bytes());
   for (std::string const& bad : std::vector<std::string>{"zz", hex + "g0", hex + "0", "12 3", "0x0g"}) {
-    ToolResult const r = runCorvid({"packet", bad});
-    EXPECT_EQ(r.status, 1) << "'" << bad << "'\n" << shown(r);
+    RUN(r, {"packet", bad});
+    EXPECT_EQ(r.status, 1) << "'" << bad << "'";
     EXPECT_EQ(r.out, "") << bad;
-    EXPECT_EQ(r.err.rfind("corvid packet: ", 0), 0u) << bad << "\n" << shown(r);
+    EXPECT_TRUE(startsWith(r.err, "corvid packet: ")) << bad;
   }
 }
 
@@ -575,38 +532,38 @@ TEST_F(CorvidToolInNamespace, SendAndCapture_RoundTripTwoFramesOverAVethPair) {
   ASSERT_TRUE(packetSocketBoundTo("cv0")) << shown(capture.finish(1));
 
   for (auto const* f : {&first, &second}) {
-    ToolResult const sent = runCorvid({"send", "--intf", "cv1", toHex(f->bytes())});
-    EXPECT_EQ(sent.status, 0) << shown(sent);
+    RUN(sent, {"send", "--intf", "cv1", toHex(f->bytes())});
+    EXPECT_EQ(sent.status, 0);
     EXPECT_EQ(sent.out, "sent 62 bytes\n");
     EXPECT_EQ(diagnostics(sent.err), "");
   }
   ToolResult const r = capture.finish(10);
-  ASSERT_FALSE(r.timedOut) << shown(r);
-  EXPECT_EQ(r.status, 0) << shown(r);
+  SCOPED_TRACE(shown(r));
+  ASSERT_FALSE(r.timedOut);
+  EXPECT_EQ(r.status, 0);
   EXPECT_EQ(diagnostics(r.err), "");
-  std::size_t const one = r.out.find("frame 1: 62 bytes\n");
-  std::size_t const two = r.out.find("frame 2: 62 bytes\n");
-  std::size_t const firstUdp =
-      r.out.find("udp @34: srcPort=1111 dstPort=2222 length=28 checksum=" + hex16(first.udpChecksum()) + " (valid)\n");
-  std::size_t const secondUdp =
-      r.out.find("udp @34: srcPort=3333 dstPort=4444 length=28 checksum=" + hex16(second.udpChecksum()) + " (valid)\n");
-  ASSERT_TRUE(one != std::string::npos && two != std::string::npos) << shown(r);
-  ASSERT_TRUE(firstUdp != std::string::npos && secondUdp != std::string::npos) << shown(r);
-  EXPECT_LT(one, firstUdp);
-  EXPECT_LT(firstUdp, two);
-  EXPECT_LT(two, secondUdp);
-  EXPECT_NE(r.out.find("identification=2 "), std::string::npos);
-  EXPECT_NE(r.out.find("\n2 frames\n"), std::string::npos) << shown(r);
+  // In order: each frame's header line, then its UDP line.
+  auto const udpLine = [](UdpFrame const& f) {
+    return "udp @34: srcPort=" + std::to_string(f.srcPort) + " dstPort=" + std::to_string(f.dstPort) +
+           " length=28 checksum=" + hexNum(f.udpChecksum(), 4) + " (valid)\n";
+  };
+  std::size_t at = 0;
+  for (std::string const& line : {std::string("frame 1: 62 bytes\n"), udpLine(first), std::string("frame 2: 62 bytes\n"),
+                                  udpLine(second)}) {
+    at = r.out.find(line, at);
+    ASSERT_NE(at, std::string::npos) << line;
+  }
+  EXPECT_TRUE(has(r.out, "identification=2 "));
+  EXPECT_TRUE(has(r.out, "\n2 frames\n"));
 }
 
 TEST_F(CorvidToolInNamespace, CaptureWithoutTraffic_StopsWhenItsSecondsRunOut) {
   auto const start = std::chrono::steady_clock::now();
-  ToolResult const r = runCorvid({"capture", "--intf", "cv0", "--count", "1", "--seconds", "1"}, 10);
-  double const took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_FALSE(r.timedOut) << shown(r);
-  EXPECT_EQ(r.status, 0) << shown(r);
-  EXPECT_NE(r.out.find("\n0 frames\n"), std::string::npos) << shown(r);
-  EXPECT_GE(took, 0.9);
+  RUN(r, {"capture", "--intf", "cv0", "--count", "1", "--seconds", "1"}, 10);
+  EXPECT_GE(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 0.9);
+  EXPECT_FALSE(r.timedOut);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(has(r.out, "\n0 frames\n"));
 }
 
 TEST_F(CorvidToolInNamespace, MissingInterface_ExitsOneWithTheSystemReason) {
@@ -615,10 +572,10 @@ TEST_F(CorvidToolInNamespace, MissingInterface_ExitsOneWithTheSystemReason) {
       {{"send", "--intf", "nosuch0", "00"}, "corvid send: "},
   };
   for (auto const& c : cases) {
-    ToolResult const r = runCorvid(c.args);
-    EXPECT_EQ(r.status, 1) << c.args[0] << "\n" << shown(r);
-    EXPECT_EQ(r.err.rfind(c.message, 0), 0u) << shown(r);
-    EXPECT_NE(r.err.find(": No such device\n"), std::string::npos) << shown(r);
+    RUN(r, c.args);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(startsWith(r.err, c.message));
+    EXPECT_TRUE(has(r.err, ": No such device\n"));
   }
 }
 
@@ -627,8 +584,8 @@ TEST_F(CorvidToolInNamespace, SendTo_DeliversThePayloadToAnIndependentRawReceive
   ASSERT_GE(rx, 0);
   timeval tv{2, 0};
   setsockopt(rx, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  ToolResult const r = runCorvid({"send", "--to", "127.0.0.1", "--protocol", "253", "636f72766964"});
-  EXPECT_EQ(r.status, 0) << shown(r);
+  RUN(r, {"send", "--to", "127.0.0.1", "--protocol", "253", "636f72766964"});
+  EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "sent 6 bytes\n");
   EXPECT_EQ(diagnostics(r.err), "");
   char buf[256];
@@ -640,11 +597,11 @@ TEST_F(CorvidToolInNamespace, SendTo_DeliversThePayloadToAnIndependentRawReceive
 }
 
 TEST_F(CorvidTool, Demo_RunsEveryStepAndSucceeds) {
-  ToolResult const r = runCorvid({"demo"}, 30);
-  EXPECT_EQ(r.status, 0) << shown(r);
+  RUN(r, {"demo"}, 30);
+  EXPECT_EQ(r.status, 0);
   for (char const* step : {"$ corvid value ip 10.1.2.3", "  error: Invalid IpAddr\n", "$ corvid packet ",
                            "checkEthIpHdr: 0 (noError)\n"}) {
-    EXPECT_NE(r.out.find(step), std::string::npos) << step << "\n" << shown(r);
+    EXPECT_TRUE(has(r.out, step)) << step;
   }
 }
 

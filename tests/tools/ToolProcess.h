@@ -55,28 +55,27 @@ inline std::string corvidBinary() {
 class ToolProcess {
  public:
   explicit ToolProcess(std::vector<std::string> const& args, std::string const& binary = corvidBinary()) {
-    int outPipe[2], errPipe[2];
-    if (binary.empty() || pipe2(outPipe, O_CLOEXEC) != 0) return;
-    if (pipe2(errPipe, O_CLOEXEC) != 0) {
-      close(outPipe[0]);
-      close(outPipe[1]);
+    int pipes[2][2];  // stdout, stderr
+    if (binary.empty() || pipe2(pipes[0], O_CLOEXEC) != 0) return;
+    if (pipe2(pipes[1], O_CLOEXEC) != 0) {
+      close(pipes[0][0]);
+      close(pipes[0][1]);
       return;
     }
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(binary.c_str()));
+    std::vector<char*> argv{const_cast<char*>(binary.c_str())};
     for (auto const& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
     pid_ = fork();
     if (pid_ == 0) {
-      dup2(outPipe[1], STDOUT_FILENO);
-      dup2(errPipe[1], STDERR_FILENO);
+      dup2(pipes[0][1], STDOUT_FILENO);
+      dup2(pipes[1][1], STDERR_FILENO);
       execv(binary.c_str(), argv.data());
       _exit(127);
     }
-    close(outPipe[1]);
-    close(errPipe[1]);
-    outFd_ = outPipe[0];
-    errFd_ = errPipe[0];
+    for (int i = 0; i < 2; ++i) {
+      close(pipes[i][1]);
+      fds_[i] = pipes[i][0];
+    }
     if (pid_ < 0) closePipes();
   }
   ~ToolProcess() {
@@ -102,18 +101,28 @@ class ToolProcess {
   ToolResult finish(double seconds = 10) {
     ToolResult r;
     if (pid_ <= 0) return r;
+    std::string* into[2] = {&r.out, &r.err};
     auto const deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (outFd_ >= 0 || errFd_ >= 0) {
+    while (fds_[0] >= 0 || fds_[1] >= 0) {
       auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
       if (left.count() <= 0) {
         r.timedOut = true;
         kill(pid_, SIGKILL);
         break;
       }
-      pollfd p[2] = {{outFd_, POLLIN, 0}, {errFd_, POLLIN, 0}};
+      pollfd p[2] = {{fds_[0], POLLIN, 0}, {fds_[1], POLLIN, 0}};
       if (poll(p, 2, static_cast<int>(left.count())) < 0) break;
-      drain(p[0], outFd_, r.out);
-      drain(p[1], errFd_, r.err);
+      for (int i = 0; i < 2; ++i) {
+        if (fds_[i] < 0 || !(p[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+        char buf[4096];
+        ssize_t const n = read(fds_[i], buf, sizeof buf);
+        if (n > 0) {
+          into[i]->append(buf, static_cast<std::size_t>(n));
+        } else {
+          close(fds_[i]);
+          fds_[i] = -1;
+        }
+      }
     }
     closePipes();
     int status = 0;
@@ -125,27 +134,15 @@ class ToolProcess {
   }
 
  private:
-  static void drain(pollfd const& p, int& fd, std::string& into) {
-    if (fd < 0 || !(p.revents & (POLLIN | POLLHUP | POLLERR))) return;
-    char buf[4096];
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n > 0) {
-      into.append(buf, static_cast<std::size_t>(n));
-    } else {
-      close(fd);
-      fd = -1;
-    }
-  }
   void closePipes() {
-    for (int* fd : {&outFd_, &errFd_}) {
-      if (*fd >= 0) close(*fd);
-      *fd = -1;
+    for (int& fd : fds_) {
+      if (fd >= 0) close(fd);
+      fd = -1;
     }
   }
 
   pid_t pid_ = -1;
-  int outFd_ = -1;
-  int errFd_ = -1;
+  int fds_[2] = {-1, -1};  // the read ends of stdout and stderr
 };
 
 // Runs the tool to completion.
