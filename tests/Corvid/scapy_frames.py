@@ -152,11 +152,11 @@ def token(name, off, fields):
     return "%s@%d:%s" % (name, off, ",".join("%s=%s" % kv for kv in fields))
 
 
-def fields(raw, L, cls, nb, spec):
-    """spec: "accessor=field ..."; "checksumOk=F" is scapy's verdict on checksum F, "a.b" reads a flag of a, an
+def fields(raw, L, cls, nb, mapping):
+    """mapping: "accessor=field ..."; "checksumOk=F" is scapy's verdict on checksum F, "a.b" reads a flag of a, an
     absent optional field reads 0."""
     out = []
-    for pair in spec.split():
+    for pair in mapping.split():
         name, attr = pair.split("=")
         if name == "checksumOk":
             out.append((name, checksum_ok(raw, cls, nb, attr)))
