@@ -217,8 +217,8 @@ ICMP6_BODIES = {
 
 def decode(raw, L, cls, nb, off):
     if cls in LAYERS:
-        name, spec, *extra = LAYERS[cls]
-        yield name, off, fields(raw, L, cls, nb, spec) + (extra[0](L) if extra else [])
+        name, mapping, *extra = LAYERS[cls]
+        yield name, off, fields(raw, L, cls, nb, mapping) + (extra[0](L) if extra else [])
     elif cls is IPv6ExtHdrHopByHop:
         o = off + 2
         for opt in L.options:
@@ -227,8 +227,8 @@ def decode(raw, L, cls, nb, off):
             o += len(bytes(opt))
     elif cls in ICMP6_BODIES:
         yield "icmp6", off, fields(raw, L, cls, nb, "type=type code=code checksum=cksum checksumOk=cksum")
-        name, spec = ICMP6_BODIES[cls]
-        body = fields(raw, L, cls, nb, spec)
+        name, mapping = ICMP6_BODIES[cls]
+        body = fields(raw, L, cls, nb, mapping)
         if cls in (ICMPv6ND_NS, ICMPv6ND_NA, ICMPv6ND_RS):
             # Where the library's option walk must find the source link-layer address option.
             slla = L.getlayer(ICMPv6NDOptSrcLLAddr)
