@@ -2,8 +2,9 @@
 // - datagrams through DatagramPam and the activity loop against a bare
 //   non-blocking recvfrom loop draining the same traffic (goal: at least
 //   0.85 of the bare rate, i.e. at most 1/0.85 of its time);
-// - the Ethernet-device endpoint's recvmmsg batches against its one-frame-
-//   at-a-time path on 64-byte frames (goal: at least twice the rate).
+// - the Ethernet-device endpoint's batches, over recvmmsg and over the
+//   memory-mapped ring, against its one-frame-at-a-time path on 64-byte
+//   frames (goal: at least twice the rate).
 // Each iteration pre-fills the socket with a burst, then times draining it,
 // so sender speed does not enter the measurement.
 #include <Brio/ActivityManager.h>
@@ -138,10 +139,11 @@ struct FrameSender {
   unsigned char frame[64];
 };
 
-void EthDeviceReceive(benchmark::State& state, bool batched) {
+void EthDeviceReceive(benchmark::State& state, bool batched, bool ring = false) {
   if (!enterPrivateNamespace()) return state.SkipWithError("needs root for a network namespace");
   Brio::ActivityManager am;
   auto pam = Corvid::EthDevicePam::ethDevicePamFactory("bench", "cvb0");
+  if (ring) pam->rxPathIs(Corvid::EthDevicePam::RxPath::ring);
   pam->enabledIs(true);
   if (!pam->enabled()) return state.SkipWithError(pam->reason().c_str());
   bigReceiveBuffer(pam->socket()->descriptor());
@@ -163,13 +165,16 @@ void EthDeviceReceive(benchmark::State& state, bool batched) {
 }
 void EthDeviceBatched(benchmark::State& state) { EthDeviceReceive(state, true); }
 void EthDeviceSingle(benchmark::State& state) { EthDeviceReceive(state, false); }
+void EthDeviceRingBatched(benchmark::State& state) { EthDeviceReceive(state, true, true); }
 BENCHMARK(EthDeviceBatched)->UseRealTime();
 BENCHMARK(EthDeviceSingle)->UseRealTime();
+BENCHMARK(EthDeviceRingBatched)->UseRealTime();
 
 }  // namespace
 
 int main(int argc, char** argv) {
   return CorvidBench::runWithRatios(argc, argv,
                                     {{"DatagramPamReceive/real_time", "BareRecvfrom/real_time", 1 / 0.85},
-                                     {"EthDeviceBatched/real_time", "EthDeviceSingle/real_time", 0.5}});
+                                     {"EthDeviceBatched/real_time", "EthDeviceSingle/real_time", 0.5},
+                                     {"EthDeviceRingBatched/real_time", "EthDeviceSingle/real_time", 0.5}});
 }

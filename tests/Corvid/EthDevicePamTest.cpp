@@ -56,8 +56,39 @@ TEST_F(EthDevicePamTest, BatchesArriveInOrderAcrossBatchBoundaries) {
   EXPECT_EQ(owner.frames, sent);
 }
 
-TEST_F(EthDevicePamTest, RxPktAloneReadsOneFrameAtATime) {
+TEST_F(EthDevicePamTest, RingPathDeliversInOrderThroughTheLoopAndWrapsAround) {
   auto pam = EthDevicePam::ethDevicePamFactory("eth", "cv0");
+  pam->rxPathIs(EthDevicePam::RxPath::ring);
+  pam->ringFramesIs(6);
+  pam->batchSizeIs(4);
+  BatchOwner owner(pam);
+  pam->enabledIs(true);
+  ASSERT_TRUE(pam->enabled()) << pam->reason();
+  EXPECT_EQ(pam->ringFrames(), 6u);
+  PacketPeer peer("cv1");
+  std::vector<std::string> sent;
+  for (int round = 0; round < 5; ++round) {  // 20 frames through 6 slots
+    for (int i = 0; i < 4; ++i) {
+      sent.push_back(ipv4Frame("ring-" + std::to_string(round) + "-" + std::to_string(i)));
+      peer.send(sent.back());
+    }
+    EXPECT_TRUE(am_.runUntil([&] { return owner.frames.size() == sent.size(); }, 3)) << round;
+  }
+  EXPECT_EQ(owner.frames, sent);
+  std::size_t const big = EthDevicePam::ringFrameBytes;  // longer than a slot: cut to what fits
+  ASSERT_EQ(CorvidTest::sh("ip link set cv0 mtu 4000 && ip link set cv1 mtu 4000"), 0);
+  peer.send(ipv4Frame(std::string(big, 'x')));
+  Brio::Ptr<Corvid::Pkt> pkt;
+  EXPECT_TRUE(am_.runUntil([&] { return bool(pkt = pam->rxPkt()); }, 2));
+  ASSERT_TRUE(pkt);
+  EXPECT_LT(pkt->bytes(), big);
+  EXPECT_EQ(pkt->stringValue().str(), ipv4Frame(std::string(big, 'x')).substr(0, pkt->bytes()));
+}
+
+TEST_F(EthDevicePamTest, RxPktAloneReadsOneFrameAtATimeOnEitherPath) {
+  for (auto path : {EthDevicePam::RxPath::recvmmsg, EthDevicePam::RxPath::ring}) {
+  auto pam = EthDevicePam::ethDevicePamFactory("eth", "cv0");
+  pam->rxPathIs(path);
   pam->enabledIs(true);
   PacketPeer peer("cv1");
   peer.send(ipv4Frame("single"));
@@ -66,6 +97,7 @@ TEST_F(EthDevicePamTest, RxPktAloneReadsOneFrameAtATime) {
   ASSERT_TRUE(pkt);
   EXPECT_EQ(pkt->stringValue().str(), ipv4Frame("single"));
   EXPECT_FALSE(pam->rxPkt());
+  }
 }
 
 TEST_F(EthDevicePamTest, TransmittedFramesReachAnIndependentReceiver) {
