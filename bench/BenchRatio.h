@@ -21,6 +21,9 @@ struct Comparison {
   double goal;         // ours/peer must be at most this (0: informative only)
 };
 
+// Prints the usual console table and keeps each run's real and CPU time per
+// iteration by benchmark name (0 for a name that did not run), for programs
+// that print their own comparisons.
 class RecordingReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(std::vector<Run> const& runs) override {
@@ -28,10 +31,16 @@ class RecordingReporter : public benchmark::ConsoleReporter {
     for (auto const& r : runs) {
       if (r.run_type == Run::RT_Iteration && !r.error_occurred) {
         times[r.benchmark_name()] = r.GetAdjustedRealTime();
+        cpuTimes[r.benchmark_name()] = r.GetAdjustedCPUTime();
       }
     }
   }
+  double cpu(std::string const& name) const {
+    auto it = cpuTimes.find(name);
+    return it == cpuTimes.end() ? 0 : it->second;
+  }
   std::map<std::string, double> times;
+  std::map<std::string, double> cpuTimes;
 };
 
 // Runs the registered benchmarks and prints the comparisons; returns 0.

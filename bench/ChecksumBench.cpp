@@ -10,9 +10,11 @@
 
 #include <cstdio>
 #include <cstring>
-#include <map>
+
 #include <string>
 #include <vector>
+
+#include "BenchRatio.h"
 
 namespace {
 
@@ -111,31 +113,15 @@ BENCHMARK(BM_NaiveWordLoop)->Apply(applySizes);
 BENCHMARK(BM_MemoryRead)->Apply(applySizes);
 BENCHMARK(BM_IpChecksumChunkPseudoHeader);
 
-// Keeps each run's CPU time per iteration (the machine may be shared), by name.
-class TimeKeeper : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(std::vector<Run> const& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (auto const& run : runs) nanos_[run.benchmark_name()] = run.GetAdjustedCPUTime();
-  }
-  double nanos(std::string const& name) const {
-    auto const it = nanos_.find(name);
-    return it == nanos_.end() ? 0 : it->second;
-  }
-
- private:
-  std::map<std::string, double> nanos_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  TimeKeeper keeper;
-  benchmark::RunSpecifiedBenchmarks(&keeper);
+  CorvidBench::RecordingReporter reporter;  // CPU time: the machine may be shared
+  benchmark::RunSpecifiedBenchmarks(&reporter);
   std::printf("\n%-8s %14s %14s %16s\n", "bytes", "GB/s", "vs word loop", "vs memory read");
   for (int size : sizes) {
-    auto const nanos = [&](char const* name) { return keeper.nanos(std::string(name) += "/" + std::to_string(size)); };
+    auto const nanos = [&](char const* name) { return reporter.cpu(std::string(name) + "/" + std::to_string(size)); };
     double const ours = nanos("BM_IpChecksumCalc");
     double const naive = nanos("BM_NaiveWordLoop");
     double const read = nanos("BM_MemoryRead");

@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "AllocationCounter.h"
+#include "BenchRatio.h"
 
 namespace {
 
@@ -101,28 +102,16 @@ BENCHMARK(BM_PacketLife);
 BENCHMARK(BM_MallocMemsetFree);
 BENCHMARK(BM_PrependBeyondHeadroom);
 
-class TimeKeeper : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(std::vector<Run> const& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (auto const& run : runs) {
-      if (run.benchmark_name() == "BM_PacketLife") life = run.GetAdjustedCPUTime();
-      if (run.benchmark_name() == "BM_MallocMemsetFree") peer = run.GetAdjustedCPUTime();
-    }
-  }
-  double life = 0;
-  double peer = 0;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  TimeKeeper keeper;
-  benchmark::RunSpecifiedBenchmarks(&keeper);
-  if (keeper.life > 0 && keeper.peer > 0) {
-    std::printf("\npacket life %.1f ns, malloc/memset/free %.1f ns: %.2fx (goal <= 3x)\n", keeper.life, keeper.peer,
-                keeper.life / keeper.peer);
+  CorvidBench::RecordingReporter reporter;  // CPU time: the machine may be shared
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  double const life = reporter.cpu("BM_PacketLife");
+  double const peer = reporter.cpu("BM_MallocMemsetFree");
+  if (life > 0 && peer > 0) {
+    std::printf("\npacket life %.1f ns, malloc/memset/free %.1f ns: %.2fx (goal <= 3x)\n", life, peer, life / peer);
   }
   if (lives > 0) {
     std::printf("allocations on the prepend path: %llu in %llu lives (goal 0)\n",
