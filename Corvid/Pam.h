@@ -110,7 +110,6 @@ class Pam : public Brio::Entity {
   Brio::Ptr<Pkt> const& rxPktHolder() const { return rxPktHolder_; }
   void rxPktHolderIs(Brio::Ptr<Pkt> pkt) { rxPktHolder_ = std::move(pkt); }
   void txErrnoIs(U32 v) { txErrno_ = v; }
-  std::map<U32, Brio::Ptr<Pkt>> const& savedPacketMap() const { return savedPacket_; }
 
  private:
   U32 readableCount_ = 0;

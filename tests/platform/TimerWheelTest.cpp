@@ -52,7 +52,7 @@ TEST(TimerWheel, HandlerMayRearmItselfAndCancelOthers) {
   std::unique_ptr<TimerWheel::Timer> victim;
   TimerWheel::Timer retry(wheel, [&] {
     log.push_back("retry@" + std::to_string(static_cast<int>(Brio::now())));
-    if (Brio::now() < 4) wheel->timers(), retry.expiryIs(Brio::now() + 2);
+    if (Brio::now() < 4) retry.expiryIs(Brio::now() + 2);
     victim.reset();
   });
   victim = std::make_unique<TimerWheel::Timer>(wheel, [&] { log.push_back("victim"); });
