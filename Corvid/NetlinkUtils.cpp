@@ -25,10 +25,7 @@ namespace {
 
 Glimmer::Facility& tr = Glimmer::facility("Corvid");
 
-[[noreturn]] void failWith(std::string const& what, int e) {
-  GLIMMER_TRACE(tr, 1, what << std::strerror(e));
-  throw Brio::ErrnoException(what, e);
-}
+[[noreturn]] void failWith(std::string what, int e) { failWithErrno(std::move(what), e); }
 
 void setNonblocking(int fd) {
   int flags = fcntl(fd, F_GETFL);
