@@ -5,6 +5,7 @@
 #include <Corvid/NetlinkDecode.h>
 #include <Corvid/NetlinkNetNsSm.h>
 #include <Corvid/NetlinkUtils.h>
+#include <Corvid/RtnlMirror.h>
 #include <Glimmer/Glimmer.h>
 #include <gtest/gtest.h>
 #include <linux/rtnetlink.h>
@@ -28,130 +29,52 @@ namespace {
 
 constexpr U32 allGroups = RTMGRP_LINK | RTMGRP_NEIGH | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
 
-// A client of the watcher: the links, addresses and neighbours of one
-// namespace, each tagged with the resync generation that last refreshed it,
-// so the sweep after a resync drops exactly what the new dump did not carry.
-class Mirror {
- public:
-  struct Entry {
-    std::string text;
-    U32 generation;
-  };
-  std::map<int, std::string> linkNames;
-  std::map<std::string, Entry> neighs, addrs;
-  int swept = 0, cleanups = 0, clears = 0, malformed = 0;
-  Brio::Ptr<NetlinkNetNsSm> sm;
-
-  Mirror(std::string const& ns, U32 groups = allGroups) {
-    sm = netlinkNetNsSmFactory(NamespaceName(Brio::String(ns)), groups, NETLINK_ROUTE, true, new OnMessage(this),
-                               new OnCleanup(this), new OnClear(this));
-  }
-  ~Mirror() {
-    if (sm) sm->handleDestruction();
-  }
-
-  // Dump finished and the subscription socket switched in.
-  bool following() const {
-    return sm->requestDumpState() == RequestDumpState::rdsEnd && sm->netlinkSubscriptionSocket() == -1 &&
-           sm->netlinkFd() && sm->netlinkFd()->descriptor() >= 0 && !sm->resyncInProgress();
-  }
-
- private:
-  struct OnMessage : NetlinkMessageCallback {
-    explicit OnMessage(Mirror* m) : NetlinkMessageCallback("mirror"), m_(m) {}
-    void callback(nlmsghdr* const& msg) override { m_->apply(decodeRtnl(msg)); }
-    Mirror* m_;
-  };
-  struct OnCleanup : CleanupCallback {
-    explicit OnCleanup(Mirror* m) : CleanupCallback("mirror"), m_(m) {}
-    void callback() override { m_->sweep(); }
-    Mirror* m_;
-  };
-  struct OnClear : ClearResyncStateCallback {
-    explicit OnClear(Mirror* m) : ClearResyncStateCallback("mirror"), m_(m) {}
-    void callback() override { ++m_->clears; }
-    Mirror* m_;
-  };
-
-  void apply(RtnlMessage const& m) {
-    U32 const gen = sm->resyncAttempts();
-    auto put = [&](std::map<std::string, Entry>& table, std::string const& key, std::string const& text) {
-      if (m.deleted) {
-        table.erase(key);
-      } else {
-        table[key] = {text, gen};
-      }
-    };
-    switch (m.kind) {
-      case RtnlMessage::Kind::link:
-        if (m.deleted) {
-          linkNames.erase(m.link.ifIndex);
-        } else {
-          linkNames[m.link.ifIndex] = std::string(m.link.name.name().view());
-        }
-        break;
-      case RtnlMessage::Kind::neigh: {
-        std::ostringstream key, text;
-        key << m.neigh.ifIndex << ' ' << m.neigh.addr;
-        text << key.str() << ' ' << (m.neigh.hasMac ? Brio::strep(m.neigh.mac) : Brio::String("-"));
-        // A neighbour going to FAILED/INCOMPLETE without a link address is
-        // what `ip neigh` also lists; keep it keyed the same way.
-        put(neighs, key.str(), text.str());
-        break;
-      }
-      case RtnlMessage::Kind::addr: {
-        std::ostringstream key;
-        key << m.addr.ifIndex << ' ' << m.addr.addr;
-        put(addrs, key.str(), key.str());
-        break;
-      }
-      case RtnlMessage::Kind::malformed:
-        ++malformed;
-        break;
-      default:
-        break;
-    }
-  }
-
-  void sweep() {
-    ++cleanups;
-    U32 const gen = sm->resyncAttempts();
-    for (auto* table : {&neighs, &addrs}) {
-      for (auto it = table->begin(); it != table->end();) {
-        if (it->second.generation != gen) {
-          it = table->erase(it);
-          ++swept;
-        } else {
-          ++it;
-        }
-      }
-    }
-    sm->resyncInProgressIs(false);
-    sm->clearResync();
-    sm->resyncDone();
-  }
-};
-
 // Multicast neighbours (ff02::/16 on IPv6) are made by the kernel in the
 // NOARP state without any notification, so only a dump can show them: a
 // follower cannot be expected to know them. Both sides leave them out.
 bool multicastNeigh(std::string const& text) { return text.find(" ff02:") != std::string::npos; }
 
-std::set<std::string> values(std::map<std::string, Mirror::Entry> const& table) {
-  std::set<std::string> out;
-  for (auto const& [k, v] : table) {
-    if (!multicastNeigh(v.text)) out.insert(v.text);
-  }
-  return out;
-}
+// The kernel tests' client: an RtnlMirror, read back as text in the form
+// the kernel side below produces from `ip -j`, and counting finished
+// resyncs (resyncInProgress falling).
+class Mirror : public NetlinkNetNsSm::Notifiee {
+ public:
+  RtnlMirror mirror;
+  NetlinkNetNsSm* sm;
+  int cleanups = 0;
 
-// The neighbours the test made (10/8 on veth0). The kernel adds multicast
-// entries of its own (MLD, ff02::) whenever an interface joins a group, at
-// times no test controls; they are compared only where the mirror has
-// followed notifications long enough to have heard of them.
+  explicit Mirror(std::string const& ns, U32 groups = allGroups)
+      : mirror(NamespaceName(Brio::String(ns)), groups), sm(mirror.sm()) {
+    notifierIs(Brio::Ptr<NetlinkNetNsSm>(sm));
+  }
+  void handleResyncInProgress() override { cleanups += !sm->resyncInProgress(); }
+  bool following() const { return mirror.synced(); }
+
+  std::set<std::string> neighs() const {
+    std::set<std::string> out;
+    for (auto const& [k, e] : mirror.neighs()) {
+      std::ostringstream text;
+      text << k.first << ' ' << k.second << ' ' << (e.value.hasMac ? Brio::strep(e.value.mac) : Brio::String("-"));
+      if (!multicastNeigh(text.str())) out.insert(text.str());
+    }
+    return out;
+  }
+  std::set<std::string> addrs() const {
+    std::set<std::string> out;
+    for (auto const& [k, e] : mirror.addrs()) out.insert(std::to_string(k.first) + ' ' + Brio::strep(k.second).str());
+    return out;
+  }
+  std::map<int, std::string> linkNames() const {
+    std::map<int, std::string> out;
+    for (auto const& [i, e] : mirror.links()) out[i] = e.value.name.name().str();
+    return out;
+  }
+};
+
+// The neighbours the test made (10/8 on veth0).
 std::size_t madeNeighs(Mirror const& m) {
   std::size_t n = 0;
-  for (auto const& [k, v] : m.neighs) n += v.text.find(" 10.") != std::string::npos;
+  for (auto const& t : m.neighs()) n += t.find(" 10.") != std::string::npos;
   return n;
 }
 std::set<std::string> only10(std::set<std::string> const& in) {
@@ -229,7 +152,7 @@ bool populate(NamedNetns const& ns, int neighbours) {
 
 ::testing::AssertionResult mirrorsKernel(Mirror const& m, NamedNetns const& ns) {
   auto const kn = kernelNeighs(ns);
-  auto const mn = values(m.neighs);
+  auto const mn = m.neighs();
   if (kn != mn) {
     std::ostringstream os;
     os << "neighbours differ: kernel " << kn.size() << ", mirror " << mn.size();
@@ -248,8 +171,8 @@ bool populate(NamedNetns const& ns, int neighbours) {
     return ::testing::AssertionFailure() << os.str();
   }
   bool const addrs = m.sm->netlinkGroups() & (RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR);
-  if (addrs && kernelAddrs(ns) != values(m.addrs)) return ::testing::AssertionFailure() << "addresses differ";
-  if (kernelLinks(ns) != m.linkNames) return ::testing::AssertionFailure() << "links differ";
+  if (addrs && kernelAddrs(ns) != m.addrs()) return ::testing::AssertionFailure() << "addresses differ";
+  if (kernelLinks(ns) != m.linkNames()) return ::testing::AssertionFailure() << "links differ";
   return ::testing::AssertionSuccess();
 }
 
@@ -281,16 +204,16 @@ TEST(NetlinkNetNsSm, DumpThenFollowMatchesTheKernelAfterEveryStep) {
   ASSERT_TRUE(runUntil([&] { return m.following(); }));
   EXPECT_EQ(m.sm->doneCount(), 3u) << "one dump each of links, addresses, neighbours";
   EXPECT_EQ(madeNeighs(m), 2000u);
-  EXPECT_EQ(only10(values(m.neighs)), only10(kernelNeighs(ns)));
+  EXPECT_EQ(only10(m.neighs()), only10(kernelNeighs(ns)));
 
   neighBatch(ns, "add", 5000, 50);
   neighBatch(ns, "del", 2, 30);
   ASSERT_EQ(ns.ip("addr add 192.0.2.9/24 dev veth1"), 0);
   ASSERT_EQ(ns.ip("link add veth2 type veth peer name veth3"), 0);
-  ASSERT_TRUE(runUntil([&] { return madeNeighs(m) == 2020 && m.linkNames.size() == 5 && m.addrs.size() >= 4; }));
+  ASSERT_TRUE(runUntil([&] { return madeNeighs(m) == 2020 && m.linkNames().size() == 5 && m.addrs().size() >= 4; }));
   EXPECT_TRUE(eventuallyMirrors(m, ns));
   EXPECT_EQ(m.sm->resyncAttempts(), 0u);
-  EXPECT_EQ(m.malformed, 0);
+  EXPECT_EQ(m.mirror.malformed(), 0u);
 }
 
 TEST(NetlinkNetNsSm, SynchronousDumpIsCompleteWhenTheCallReturns) {
@@ -302,7 +225,7 @@ TEST(NetlinkNetNsSm, SynchronousDumpIsCompleteWhenTheCallReturns) {
   m.sm->doInitializeNetlinkSocket(true);
   EXPECT_TRUE(m.following());
   EXPECT_EQ(m.sm->doneCount(), 1u) << "neighbours only: the first step asks for RTM_GETNEIGH";
-  EXPECT_EQ(only10(values(m.neighs)), only10(kernelNeighs(ns)));
+  EXPECT_EQ(only10(m.neighs()), only10(kernelNeighs(ns)));
 }
 
 // Floods of neighbour changes against a receive buffer forced tiny: the
@@ -325,7 +248,7 @@ TEST(NetlinkNetNsSm, ResyncAfterEnobufsRestoresTheKernelStateEveryRound) {
   int next = 10000;
   for (int round = 1; round <= 3; ++round) {
     SCOPED_TRACE(round);
-    int const swept = m.swept;
+    U32 const swept = m.mirror.swept();
     // Nobody reads while the kernel sends: deletions and additions pile up.
     neighBatch(ns, "del", 2 + (round - 1) * 300, 300);
     neighBatch(ns, "add", next, 1500);
@@ -339,7 +262,7 @@ TEST(NetlinkNetNsSm, ResyncAfterEnobufsRestoresTheKernelStateEveryRound) {
     EXPECT_EQ(m.sm->resyncAttempts(), static_cast<U32>(round));
     ASSERT_TRUE(runUntil([&] { return m.following(); }));
     EXPECT_EQ(m.cleanups, round);
-    EXPECT_GE(m.swept - swept, 300) << "entries deleted during the loss are swept";
+    EXPECT_GE(m.mirror.swept() - swept, 300u) << "entries deleted during the loss are swept";
     EXPECT_TRUE(eventuallyMirrors(m, ns));
   }
   unsetenv("NL_RCVBUFSIZE");
@@ -390,7 +313,7 @@ TEST(NetlinkNetNsSm, DeletedNamespaceIsCountedOnceAndRetriedEveryThreeSeconds) {
   ASSERT_EQ(CorvidTest::sh("ip netns add " + ns.name()), 0);
   loop.advanceTime(3.0);
   ASSERT_TRUE(runUntil([&] { return m.sm->netlinkSubscriptionSocket() == -1 && m.cleanups == 1; }, 5));
-  EXPECT_EQ(m.linkNames, kernelLinks(ns));
+  EXPECT_EQ(m.linkNames(), kernelLinks(ns));
 }
 
 TEST(NetlinkNetNsSm, RecvBufferSizeComesFromTheEnvironmentOrTheAttribute) {
@@ -424,11 +347,45 @@ TEST(NetlinkNetNsSm, RecvBufferSizeComesFromTheEnvironmentOrTheAttribute) {
 
 namespace {
 
-// A watcher reading one end of a datagram socket pair the test writes to.
+// A client that records what the watcher hands it, on a watcher reading
+// one end of a datagram socket pair the test writes to.
+struct Recorder {
+  std::set<std::string> neighs;
+  int clears = 0, malformed = 0;
+  Brio::Ptr<NetlinkNetNsSm> sm;
+
+  explicit Recorder(U32 groups) {
+    struct OnMessage : NetlinkMessageCallback {
+      explicit OnMessage(Recorder* r) : NetlinkMessageCallback("recorder"), r(r) {}
+      void callback(nlmsghdr* const& msg) override {
+        RtnlMessage const m = decodeRtnl(msg);
+        if (m.kind == RtnlMessage::Kind::malformed) ++r->malformed;
+        if (m.kind == RtnlMessage::Kind::neigh) r->neighs.insert(std::to_string(m.neigh.ifIndex) + ' ' + Brio::strep(m.neigh.addr).str());
+      }
+      Recorder* r;
+    };
+    struct OnCleanup : CleanupCallback {
+      OnCleanup() : CleanupCallback("recorder") {}
+      void callback() override {}
+    };
+    struct OnClear : ClearResyncStateCallback {
+      explicit OnClear(Recorder* r) : ClearResyncStateCallback("recorder"), r(r) {}
+      void callback() override { ++r->clears; }
+      Recorder* r;
+    };
+    sm = netlinkNetNsSmFactory(NamespaceName("corvid-unused"), groups, NETLINK_ROUTE, true, new OnMessage(this),
+                               new OnCleanup(), new OnClear(this));
+  }
+  ~Recorder() { sm->handleDestruction(); }
+  bool following() const {
+    return sm->requestDumpState() == RequestDumpState::rdsEnd && sm->netlinkSubscriptionSocket() == -1;
+  }
+};
+
 struct Injected {
   int peer = -1;
-  Mirror m;
-  explicit Injected(U32 groups = RTMGRP_NEIGH) : m("corvid-unused", groups) {
+  Recorder m;
+  explicit Injected(U32 groups = RTMGRP_NEIGH) : m(groups) {
     int sv[2];
     socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sv);
     m.sm->netlinkFdIs(sv[0]);
