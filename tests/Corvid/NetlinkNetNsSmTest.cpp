@@ -574,3 +574,43 @@ TEST(NetlinkNetNsSm, EnumerationsReadBackTheirNames) {
   }
   EXPECT_THROW(Brio::strepToValue<RequestDumpState>("rdsNever"), Brio::RangeException);
 }
+
+TEST(NetlinkNetNsSm, StalledSynchronousDumpGivesUpAfterEagainMaxCountEmptyReads) {
+  Brio::ActivityManager loop(Brio::ActivityManager::TimeSource::manual);
+  Injected in;  // nobody answers the request written to the pair
+  in.m.sm->netlinkSubscriptionSocketIs(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_ROUTE));
+  Glimmer::enable("Corvid", 2);
+  Glimmer::Capture trace;
+  in.m.sm->doRequestDump(true);
+  Glimmer::enable("Corvid", -1);
+  EXPECT_EQ(in.m.sm->eagainCount(), 1u);
+  EXPECT_TRUE(trace.contains("recovering from too many EAGAIN errors"));
+  EXPECT_EQ(in.m.sm->netlinkFd()->descriptor(), -1);
+  EXPECT_EQ(in.m.sm->resyncHelperSm()->resyncClock()->timeMin(), loop.now() + 3.0);
+}
+
+TEST(NetlinkNetNsSm, WithoutKeepSyncedItOnlySubscribes) {
+  Brio::ActivityManager loop;
+  NamedNetns ns("nlk");
+  REQUIRE_NS(ns);
+  ASSERT_EQ(ns.ip("link add veth0 type veth peer name veth1"), 0);
+  std::set<int> seen;
+  struct Seen : NetlinkMessageCallback {
+    explicit Seen(std::set<int>* s) : NetlinkMessageCallback("seen"), s(s) {}
+    void callback(nlmsghdr* const& msg) override {
+      auto const m = decodeRtnl(msg);
+      if (m.kind == RtnlMessage::Kind::link) s->insert(m.link.ifIndex);
+    }
+    std::set<int>* s;
+  };
+  auto sm = netlinkNetNsSmFactory(NamespaceName(Brio::String(ns.name())), RTMGRP_LINK, NETLINK_ROUTE, false,
+                                  new Seen(&seen), nullptr, nullptr);
+  sm->doInitializeNetlinkSocket(false);
+  EXPECT_FALSE(sm->resyncHelperSm());
+  EXPECT_EQ(sm->netlinkSubscriptionSocket(), -1) << "switched at once";
+  ASSERT_EQ(ns.ip("link set veth0 up"), 0);
+  ASSERT_TRUE(runUntil([&] { return !seen.empty(); }, 5));
+  EXPECT_EQ(sm->doneCount(), 0u) << "no dump";
+  EXPECT_FALSE(seen.count(1)) << "lo was never dumped";
+  sm->handleDestruction();
+}
