@@ -45,6 +45,26 @@ TEST(NetlinkUtils, RequestsAreAppliedByTheKernel) {
   delDeviceGroup(&h, ifindex);
   EXPECT_NE(shOutput("ip -n " + ns.name() + " -d link show veth0").find("group default"), std::string::npos);
   EXPECT_THROW(setDeviceGroup(&h, 999999, 1), Brio::ErrnoException);
+
+  // Two requests in one datagram: the kernel applies and acknowledges both.
+  alignas(nlmsghdr) U8 two[2][NLMSG_SPACE(sizeof(ifinfomsg)) + RTA_SPACE(4)] = {};
+  for (int i = 0; i < 2; ++i) {
+    auto* m = reinterpret_cast<nlmsghdr*>(two[i]);
+    m->nlmsg_len = sizeof two[i];
+    m->nlmsg_type = RTM_NEWLINK;
+    m->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+    m->nlmsg_seq = 100 + i;
+    reinterpret_cast<ifinfomsg*>(NLMSG_DATA(m))->ifi_index = ifindex;
+    auto* a = reinterpret_cast<rtattr*>(two[i] + NLMSG_SPACE(sizeof(ifinfomsg)));
+    a->rta_len = RTA_LENGTH(4);
+    a->rta_type = IFLA_GROUP;
+    U32 const group = 20 + i;
+    std::memcpy(RTA_DATA(a), &group, 4);
+  }
+  sendNetlinkVec(&h, reinterpret_cast<nlmsghdr*>(two), 2);
+  EXPECT_EQ(getNetlinkResponse(h.fd, 100), 0);
+  EXPECT_EQ(getNetlinkResponse(h.fd, 101), 0);
+  EXPECT_NE(shOutput("ip -n " + ns.name() + " link show veth0").find("group 21"), std::string::npos);
   closeNetlinkSocket(&h);
   EXPECT_EQ(h.fd, -1);
 
