@@ -7,6 +7,7 @@ int sendCommand(Args const& args, std::ostream& out, std::ostream& err);
 int demoCommand(Args const& args, std::ostream& out, std::ostream& err);
 int valueCommand(Args const& args, std::ostream& out, std::ostream& err);
 int packetCommand(Args const& args, std::ostream& out, std::ostream& err);
+int netnsCommand(Args const& args, std::ostream& out, std::ostream& err);
 
 std::vector<Command> const& commands() {
   static std::vector<Command> const table = {
@@ -18,6 +19,8 @@ std::vector<Command> const& commands() {
        "receive IPv4 frames on an interface through the Ethernet-device endpoint and decode each", captureCommand},
       {"send", "send (--intf NAME | --to IPV4 [--protocol P] [--device D]) HEX...",
        "send a frame on an interface, or an IPv4 payload through a raw IP socket", sendCommand},
+      {"netns", "netns (list [--json] | add NAME | del NAME)",
+       "list, create or delete named network namespaces (the ones `ip netns` uses)", netnsCommand},
   };
   return table;
 }
