@@ -242,11 +242,14 @@ void Manager::deleteNetNsFromRoot(NamespaceName const& name) {
     root_->netNsByNameDel(name);
     // One namespace may be mounted under two names: it stays in the tree,
     // under the name that is left, while any name still refers to it.
-    Brio::Ptr<Node> other;
+    bool stillNamed = false;
     for (auto const& [n, candidate] : root_->netNsByNameMap()) {
-      if (candidate == node) other = candidate, node->ifNameIs(n);
+      if (candidate != node) continue;
+      node->ifNameIs(n);
+      stillNamed = true;
+      break;
     }
-    if (!other) root_->netNsDel(node->inode());
+    if (!stillNamed) root_->netNsDel(node->inode());
   }
   GLIMMER_TRACE(tr, 5, "Manager::deleteNetNsFromRoot crud file delete " << name.value());
   crudFileDel(name);
