@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,18 @@ Glimmer::Facility& tr = Glimmer::facility("Corvid");
 constexpr F64 retryDelay = 1.0;
 
 std::string entryPath(NamespaceName const& name) { return std::string(Corvid::NS_RUN_DIR) + "/" + name.value().str(); }
+
+// The name of a run-directory entry; none for a name the tree cannot hold.
+std::optional<NamespaceName> namespaceName(std::string_view name) {
+  try {
+    return NamespaceName(Brio::String(name));
+  } catch (Brio::RangeException const& e) {
+    // The kernel allows 255-byte file names; such an entry is nobody's
+    // namespace name here, and is left alone.
+    GLIMMER_TRACE(tr, 1, "Ignoring '" << name << "': " << e.what());
+    return std::nullopt;
+  }
+}
 
 }  // namespace
 
@@ -123,7 +136,9 @@ void Manager::doInitializeWatcher() {
     names.emplace_back(e->d_name);
   }
   closedir(dir);
-  for (auto const& n : names) handleInotifyName(n, IN_CREATE);
+  for (auto const& n : names) {
+    if (auto nsName = namespaceName(n)) addNetNsToRoot(*nsName);
+  }
 }
 
 void Manager::handleInotifyEvent() {
@@ -159,19 +174,12 @@ void Manager::handleInotifyName(std::string_view name, U32 mask) {
     GLIMMER_TRACE(tr, 5, "Ignoring blank notifications");
     return;
   }
-  NamespaceName nsName;
-  try {
-    nsName = NamespaceName(Brio::String(name));
-  } catch (Brio::RangeException const& e) {
-    // The kernel allows 255-byte file names; such an entry cannot be one of
-    // ours, and the tree cannot hold it.
-    GLIMMER_TRACE(tr, 1, "Ignoring '" << name << "': " << e.what());
-    return;
-  }
+  auto nsName = namespaceName(name);
+  if (!nsName) return;
   if (mask & IN_CREATE) {
-    addNetNsToRoot(nsName);
+    addNetNsToRoot(*nsName);
   } else if (mask & IN_DELETE) {
-    deleteNetNsFromRoot(nsName);
+    deleteNetNsFromRoot(*nsName);
   } else {
     GLIMMER_TRACE(tr, 5, "Notified on something that is neither create or delete");
   }

@@ -7,10 +7,13 @@
 #include <Corvid/NetnsUtils.h>
 #include <Glimmer/Glimmer.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/NetnsScope.h"
@@ -152,6 +155,15 @@ TEST_F(KernelNetNsInfoTest, EntriesThatCanNeverBeNamespacesAreDroppedWithoutBloc
       {longName, "touch " + pathOf(longName)},
   };
   ASSERT_EQ(sh(cases[0].make), 0);  // one present at start-up, the rest seen through inotify
+  // Should the manager open the FIFO after all, a writer frees it after 3 s:
+  // the test then fails instead of hanging.
+  std::atomic<bool> rescued{false};
+  std::jthread watchdog([&](std::stop_token stop) {
+    for (int i = 0; i < 60 && !stop.stop_requested(); ++i) usleep(50000);
+    int fd = stop.stop_requested() ? -1 : open(pathOf(fifo.name()).c_str(), O_WRONLY | O_NONBLOCK);
+    rescued = fd >= 0;
+    if (fd >= 0) close(fd);
+  });
   start();
   for (std::size_t i = 1; i < std::size(cases); ++i) ASSERT_EQ(sh(cases[i].make), 0) << cases[i].make;
   NamedNetns marker("kni");  // made after them: once it is in, they have all been handled
@@ -165,6 +177,9 @@ TEST_F(KernelNetNsInfoTest, EntriesThatCanNeverBeNamespacesAreDroppedWithoutBloc
     }
     for (auto const& e : recorder.events) EXPECT_NE(e.substr(1), c.name);
   }
+  watchdog.request_stop();
+  watchdog.join();
+  EXPECT_FALSE(rescued) << "the manager blocked opening a FIFO";
 }
 
 TEST_F(KernelNetNsInfoTest, OneNamespaceUnderTwoNamesStaysUntilItsLastNameGoes) {
