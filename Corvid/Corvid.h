@@ -24,3 +24,4 @@
 #include <routing/Evpn.h>
 #include <routing/FlexAlgo.h>
 #include <routing/L2Vpn.h>
+#include <Corvid/KernelNetNsInfo.h>

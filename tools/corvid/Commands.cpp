@@ -8,6 +8,7 @@ int demoCommand(Args const& args, std::ostream& out, std::ostream& err);
 int valueCommand(Args const& args, std::ostream& out, std::ostream& err);
 int packetCommand(Args const& args, std::ostream& out, std::ostream& err);
 int watchCommand(Args const& args, std::ostream& out, std::ostream& err);
+int netnsCommand(Args const& args, std::ostream& out, std::ostream& err);
 
 std::vector<Command> const& commands() {
   static std::vector<Command> const table = {
@@ -22,6 +23,8 @@ std::vector<Command> const& commands() {
       {"watch", "watch [--ns NAME] [--links] [--addrs] [--neigh] [--seconds S] [--json]",
        "dump a namespace's links, addresses and neighbours, then print every change until Ctrl-C or --seconds",
        watchCommand},
+      {"netns", "netns (list [--json] | add NAME | del NAME)",
+       "list, create or delete named network namespaces (the ones `ip netns` uses)", netnsCommand},
   };
   return table;
 }
