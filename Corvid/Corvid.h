@@ -24,3 +24,10 @@
 #include <routing/Evpn.h>
 #include <routing/FlexAlgo.h>
 #include <routing/L2Vpn.h>
+#include <Corvid/Pam.h>
+#include <Corvid/DescriptorPam.h>
+#include <Corvid/DatagramPam.h>
+#include <Corvid/EthDevicePam.h>
+#include <Corvid/TestPam.h>
+#include <Corvid/PktSocket.h>
+#include <Corvid/RawSocket.h>
