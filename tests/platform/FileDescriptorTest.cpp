@@ -152,17 +152,6 @@ TEST(FileDescriptor, DescriptorClosedBehindItsBackRecordsErrorAndStaysSilent) {
   fd->descriptorRelease();  // already closed
 }
 
-TEST(FileDescriptor, NonBlockingFlagIsTheKernelsFlag) {
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  auto fd = FileDescriptor::fileDescriptorFactory("r", fds[0]);
-  EXPECT_FALSE(fd->nonBlocking());
-  fd->nonBlockingIs(true);
-  EXPECT_TRUE(fcntl(fds[0], F_GETFL) & O_NONBLOCK);
-  EXPECT_TRUE(fd->nonBlocking());
-  close(fds[1]);
-}
-
 TEST(FileDescriptor, DescriptorIsReplacesAndClosesTheOldOne) {
   ActivityManager am;
   Pipe p1, p2;

@@ -31,20 +31,6 @@ TEST(TimerWheel, FiresInExpiryOrderOnManualTime) {
   EXPECT_EQ(order, (std::vector<int>{2, 3, 1}));
 }
 
-TEST(TimerWheel, CancelTwiceAndCancelStoppedAreHarmless) {
-  ActivityManager am(ActivityManager::TimeSource::manual);
-  auto wheel = TimerWheel::timerWheelFactory();
-  int fired = 0;
-  TimerWheel::Timer t(wheel, [&] { ++fired; });
-  t.cancel();
-  t.expiryIs(1);
-  t.cancel();
-  t.cancel();
-  am.advanceTime(5);
-  EXPECT_EQ(fired, 0);
-  EXPECT_EQ(wheel->timers(), 0u);
-}
-
 TEST(TimerWheel, HandlerMayRearmItselfAndCancelOthers) {
   ActivityManager am(ActivityManager::TimeSource::manual);
   auto wheel = TimerWheel::timerWheelFactory();
@@ -100,15 +86,6 @@ TEST(TimerWheel, ManyTimersFireInSortedOrderAgainstAModel) {
   std::sort(expected.begin(), expected.end());
   am.advanceTime(200);
   EXPECT_EQ(fired, expected);
-}
-
-TEST(TimerWheel, RealTimeTimerFiresThroughTheLoop) {
-  ActivityManager am;
-  auto wheel = TimerWheel::timerWheelFactory();
-  bool fired = false;
-  TimerWheel::Timer t(wheel, [&] { fired = true; });
-  t.expiryIs(Brio::now() + 0.01);
-  EXPECT_TRUE(am.runUntil([&] { return fired; }, 5));
 }
 
 }  // namespace
