@@ -112,12 +112,6 @@ TEST(Eui64Text, TableReadsPrintsAndRefusesWithItsOwnMessage) {
                          8, "Invalid Eui64", Eui64(0x0102030405060708ULL));
 }
 
-TEST(EthAddrText, SequenceReaderStopsAfterLastGroup) {
-  ReadAt const r = readAt<EthAddr>("00:1c:73:0a:0b:0c/rest");
-  EXPECT_EQ(r.strep, "00:1c:73:0a:0b:0c");
-  EXPECT_EQ(r.consumed, 17u);
-}
-
 TEST(EthAddrText, DisplayStringIsDottedWordsAndPrintToBufferCutsLikeSnprintf) {
   EthAddr a("00:1c:73:0a:0b:0c");
   EXPECT_EQ(a.displayString(), "001c.730a.0b0c");
