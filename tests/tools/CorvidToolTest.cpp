@@ -144,97 +144,6 @@ TEST_F(CorvidTool, BadCommandLines_ExitTwoWithTheReasonAndUsageOnStderr) {
 
 // ---- value -----------------------------------------------------------------
 
-struct ValueCase {
-  char const* type;
-  std::vector<std::string> texts;  // each gives the same outcome
-  char const* outcome;             // "= canonical text", or the exact error message
-  char const* strep = nullptr;     // when it differs from the canonical text
-  char const* fact = nullptr;      // one more "name: value" line the report must hold
-};
-
-// One row per TYPE word at least: the parse rules themselves are the value
-// types' own tests; here each word must reach its type and print its facts.
-ValueCase const valueCases[] = {
-    {"ipv4", {"1.2.3.4", "01.002.3.4"}, "= 1.2.3.4", nullptr, "isUnicast: true"},
-    {"ipv4", {"224.0.0.1"}, "= 224.0.0.1", nullptr, "mcastEtherAddress: 01:00:5e:00:00:01"},
-    {"ipv4", {"1.2.3", "1.2.3.4x", ""}, "Invalid IpAddr"},
-    {"ipv6", {"2001:DB8::ABCD"}, "= 2001:db8::abcd", nullptr, "expanded: 2001:0db8:0000:0000:0000:0000:0000:abcd"},
-    {"ipv6", {"1::2::3"}, "Ip6Addr: only one '::' allowed"},
-    {"ip", {"10.1.1.1"}, "= 10.1.1.1", nullptr, "af: ipv4"},
-    {"ip", {"::ffff:1.2.3.4"}, "= ::ffff:1.2.3.4", nullptr, "mapped: 1.2.3.4"},
-    {"ip", {"/8", "abc"}, "Invalid IpGenAddr"},
-    {"ipv4-prefix", {"10.0.0.0/8"}, "= 10.0.0.0/8"},
-    {"ipv4-with-mask", {"10.0.0.1/40"}, "= 10.0.0.1/40"},
-    {"ipv6-prefix", {"2001:db8::"}, "= 2001:db8::/128", nullptr, "isHostRoutePrefix: true"},
-    {"ipv6-with-mask", {"2001:db8::1/64"}, "= 2001:db8::1/64", nullptr, "subnet: 2001:db8::/64"},
-    {"ip-prefix", {"2001:db8::/32"}, "= 2001:db8::/32", nullptr, "af: ipv6"},
-    {"ip-with-mask", {"10.0.0.1/8"}, "= 10.0.0.1/8", nullptr, "subnet: 10.0.0.0/8"},
-    {"ipv6-full-mask", {"2001:db8::/ffff::ff"}, "= 2001:db8::/ffff::ff", nullptr, "hasPrefixRepr: false"},
-    {"ipv4-full-mask", {"Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})"},
-     "= Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})", nullptr, "mask: 255"},
-    {"ip-full-mask", {"10.0.0.0/24"}, "= 10.0.0.0/24",
-     "Value('Corvid::IpGenAddrWithFullMask', ** {'address': 10.0.0.0, 'mask': 255.255.255.0})"},
-    {"eth", {"00:1c:73:0a:0b:0c", "00-1C-73-0A-0B-0C", "001c.730a.0b0c"},
-     "= 00:1c:73:0a:0b:0c", nullptr, "displayString: 001c.730a.0b0c"},
-    {"eui64", {"02:1C:73:FF:FE:0A:0B:0C", "021c.73ff.fe0a.0b0c"}, "= 02:1c:73:ff:fe:0a:0b:0c"},
-    {"mpls-label", {"3"}, "= 3", nullptr, "prettyString: imp-null(3)"},
-    {"mpls-stack", {"TOP ( ELI EL 100 ) BOTTOM"}, "= TOP ( ELI EL 100 ) BOTTOM",
-     "Value('Corvid::BoundedMplsLabelStack', ** {'stackSize': 1, 'label0': 100, 'label1': 1048576, 'label2': 1048576, "
-     "'label3': 1048576, 'label4': 1048576, 'label5': 1048576, 'label6': 1048576, 'entropyLabelBitMap': 2, "
-     "'entropyLabelIndicatorBitMap': 4})",
-     "calculatedStackSize: 3"},
-    {"vrf", {"default"}, "= default", "'default'", "isDefault: true"},
-    {"vni", {"16777215"}, "= 16777215", nullptr, "hex: 0xffffff"},
-    {"vni-ext", {"2:10000"}, "= 2:10000", nullptr, "domain: 2"},
-    {"isis-system-id", {"1921.6800.1001"}, "= 1921.6800.1001", nullptr, "isZero: false"},
-    {"isis-system-id", {"1921.68g0.1001"}, "Hex digit expected, but got: 'g'"},
-    {"isis-lsp-id", {"1921.6800.1001.00-01"}, "= 1921.6800.1001.00-01", nullptr, "lspFragmentId: 1"},
-    {"isis-area", {"49.0001"}, "= 49.0001", nullptr, "length: 3"},
-    {"esid", {"03:00:1c:73:0a:0b:0c:00:00:01"}, "= 03:00:1c:73:0a:0b:0c:00:00:01", nullptr, "type: 3"},
-    {"intf", {"Ethernet1/2"}, "= Ethernet1/2", "'Ethernet1/2'", "shortName: Et1/2"},
-};
-
-// The report of one text: its echo, then "  name: value" lines.
-std::string reportLine(std::string const& name, std::string const& value) { return "\n  " + name + ": " + value + "\n"; }
-
-void expectValue(ValueCase const& c, std::string const& text) {
-  RUN(r, {"value", c.type, text});
-  std::string const outcome = c.outcome;
-  if (!startsWith(outcome, "= ")) {
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, text + "\n  error: " + outcome + "\n");
-    EXPECT_EQ(r.err, "corvid value: " + text + ": " + outcome + "\n");
-    return;
-  }
-  std::string const canonical = outcome.substr(2);
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.err, "");
-  EXPECT_TRUE(startsWith(r.out, text + "\n"));
-  EXPECT_TRUE(has(r.out, reportLine("text", canonical)));
-  EXPECT_TRUE(has(r.out, reportLine("strep", c.strep ? c.strep : canonical.c_str())));
-  if (c.fact) {
-    EXPECT_TRUE(has(r.out, std::string("\n  ") + c.fact + "\n")) << c.fact;
-  }
-}
-
-TEST_F(CorvidTool, Value_PrintsCanonicalTextAndStrepOrTheExactMessage) {
-  for (auto const& c : valueCases) {
-    for (auto const& text : c.texts) expectValue(c, text);
-  }
-}
-
-TEST_F(CorvidTool, ValueTypeWords_AreExactlyTheTypesTheTableExercises) {
-  RUN(r, {"value", "--help"});
-  ASSERT_EQ(r.status, 0);
-  std::istringstream listing(r.out.substr(r.out.find("TYPE words:\n") + 12));
-  std::set<std::string> listed, tested;
-  for (std::string line; std::getline(listing, line);) listed.insert(line.substr(2, line.find(' ', 2) - 2));
-  for (auto const& c : valueCases) tested.insert(c.type);
-  EXPECT_EQ(listed, tested);
-  RUN(missing, {"value"});
-  for (auto const& type : listed) EXPECT_TRUE(has(missing.err, " " + type)) << type;
-}
-
 // Thomas Wang's 32-bit integer hash, written out from its definition.
 U32 wang(U32 h) {
   h = h * 32767u - 1u;
@@ -264,8 +173,10 @@ std::vector<nlohmann::json> jsonLines(std::string const& out) {
   return objects;
 }
 
+using Members = std::vector<std::pair<char const*, nlohmann::json>>;
+
 // Each (JSON pointer, value) of `expected` holds in `actual`.
-void expectMembers(nlohmann::json const& actual, std::vector<std::pair<char const*, nlohmann::json>> const& expected) {
+void expectMembers(nlohmann::json const& actual, Members const& expected) {
   for (auto const& [at, value] : expected) {
     nlohmann::json::json_pointer const ptr(at);
     ASSERT_TRUE(actual.contains(ptr)) << at << " missing in " << actual.dump();
@@ -273,34 +184,101 @@ void expectMembers(nlohmann::json const& actual, std::vector<std::pair<char cons
   }
 }
 
-TEST_F(CorvidTool, ValueJson_OneObjectPerTextWithTypedFactsOrTheError) {
-  struct {
-    std::vector<std::string> args;
-    int status;
-    std::vector<std::vector<std::pair<char const*, nlohmann::json>>> objects;  // one per output line
-  } const cases[] = {
-      {{"value", "--json", "ipv4", "10.0.0.1", "10.0.0", "224.0.0.1"},
-       1,
-       {{{"/type", "ipv4"}, {"/input", "10.0.0.1"}, {"/text", "10.0.0.1"}, {"/strep", "10.0.0.1"},
-         {"/isPrivate", true}, {"/isMulticast", false}},
-        {{"/type", "ipv4"}, {"/input", "10.0.0"}, {"/error", "Invalid IpAddr"}},
-        {{"/input", "224.0.0.1"}, {"/mcastEtherAddress", "01:00:5e:00:00:01"}}}},
-      {{"value", "ip", "--json", "fe80::1"}, 0, {{{"/af", "ipv6"}, {"/isLinkLocal", true}}}},
-      {{"value", "--json", "vrf", "default"}, 0, {{{"/text", "default"}, {"/strep", "'default'"}, {"/isDefault", true}}}},
-      // Hashes are numbers: Thomas Wang's hash of the stored words. IpAddr:
-      // the network-order word read as a native (little-endian) integer;
-      // Ip6Addr: chained over the host-order words; EthAddr: ((w0 ^ w1) << 16) | w2.
-      {{"value", "--json", "ipv4", "1.2.3.4", "10.0.0.1"}, 0, {{{"/hash", wang(0x04030201u)}}, {{"/hash", wang(0x0100000au)}}}},
-      {{"value", "--json", "ipv6", "2001:db8::1"}, 0, {{{"/hash", wang(1u ^ wang(0u ^ wang(0u ^ wang(0x20010db8u))))}}}},
-      {{"value", "--json", "eth", "00:1c:73:0a:0b:0c"}, 0, {{{"/hash", wang(((0x001cu ^ 0x730au) << 16) | 0x0b0cu)}}}},
-  };
-  for (auto const& c : cases) {
-    RUN(r, c.args);
-    EXPECT_EQ(r.status, c.status);
-    auto const objects = jsonLines(r.out);
-    ASSERT_EQ(objects.size(), c.objects.size());
-    for (std::size_t i = 0; i < objects.size(); ++i) expectMembers(objects[i], c.objects[i]);
+struct ValueCase {
+  char const* type;
+  std::vector<std::string> texts;  // each gives the same object
+  Members expected;                // "/text" and "/strep", "/facts/...", or "/error"
+};
+
+// One row per TYPE word at least: the parse rules themselves are the value
+// types' own tests; here each word must reach its type and report its facts.
+// Hashes are Thomas Wang's hash of the stored words: IpAddr's network-order
+// word read as a native (little-endian) integer, Ip6Addr chained over the
+// host-order words, EthAddr ((w0 ^ w1) << 16) | w2.
+ValueCase const valueCases[] = {
+    {"ipv4", {"1.2.3.4", "01.002.3.4"}, {{"/text", "1.2.3.4"}, {"/facts/isUnicast", true}, {"/facts/hash", wang(0x04030201u)}}},
+    {"ipv4", {"224.0.0.1"}, {{"/strep", "224.0.0.1"}, {"/facts/mcastEtherAddress", "01:00:5e:00:00:01"}}},
+    {"ipv4", {"1.2.3", "1.2.3.4x", ""}, {{"/error", "Invalid IpAddr"}}},
+    {"ipv6", {"2001:DB8::1"}, {{"/text", "2001:db8::1"}, {"/facts/expanded", "2001:0db8:0000:0000:0000:0000:0000:0001"},
+                               {"/facts/hash", wang(1u ^ wang(0u ^ wang(0u ^ wang(0x20010db8u))))}}},
+    {"ipv6", {"1::2::3"}, {{"/error", "Ip6Addr: only one '::' allowed"}}},
+    {"ip", {"fe80::1"}, {{"/facts/af", "ipv6"}, {"/facts/isLinkLocal", true}}},
+    {"ip", {"::ffff:1.2.3.4"}, {{"/text", "::ffff:1.2.3.4"}, {"/facts/mapped", "1.2.3.4"}}},
+    {"ip", {"/8", "abc"}, {{"/error", "Invalid IpGenAddr"}}},
+    {"ipv4-prefix", {"10.0.0.0/8"}, {{"/text", "10.0.0.0/8"}, {"/strep", "10.0.0.0/8"}}},
+    {"ipv4-with-mask", {"10.0.0.1/40"}, {{"/text", "10.0.0.1/40"}}},
+    {"ipv6-prefix", {"2001:db8::"}, {{"/text", "2001:db8::/128"}, {"/facts/isHostRoutePrefix", true}}},
+    {"ipv6-with-mask", {"2001:db8::1/64"}, {{"/text", "2001:db8::1/64"}, {"/facts/subnet", "2001:db8::/64"}}},
+    {"ip-prefix", {"2001:db8::/32"}, {{"/text", "2001:db8::/32"}, {"/facts/af", "ipv6"}}},
+    {"ip-with-mask", {"10.0.0.1/8"}, {{"/text", "10.0.0.1/8"}, {"/facts/subnet", "10.0.0.0/8"}}},
+    {"ipv6-full-mask", {"2001:db8::/ffff::ff"}, {{"/text", "2001:db8::/ffff::ff"}, {"/facts/hasPrefixRepr", false}}},
+    {"ipv4-full-mask",
+     {"Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})"},
+     {{"/strep", "Value('Corvid::IpAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255})"}, {"/facts/mask", "255"}}},
+    {"ip-full-mask", {"10.0.0.0/24"},
+     {{"/text", "10.0.0.0/24"},
+      {"/strep", "Value('Corvid::IpGenAddrWithFullMask', ** {'address': 10.0.0.0, 'mask': 255.255.255.0})"}}},
+    {"eth", {"00:1c:73:0a:0b:0c", "00-1C-73-0A-0B-0C", "001c.730a.0b0c"},
+     {{"/text", "00:1c:73:0a:0b:0c"}, {"/facts/displayString", "001c.730a.0b0c"},
+      {"/facts/hash", wang(((0x001cu ^ 0x730au) << 16) | 0x0b0cu)}}},
+    {"eui64", {"02:1C:73:FF:FE:0A:0B:0C", "021c.73ff.fe0a.0b0c"}, {{"/text", "02:1c:73:ff:fe:0a:0b:0c"}}},
+    {"mpls-label", {"3"}, {{"/text", "3"}, {"/facts/prettyString", "imp-null(3)"}}},
+    {"mpls-stack", {"TOP ( ELI EL 100 ) BOTTOM"},
+     {{"/text", "TOP ( ELI EL 100 ) BOTTOM"}, {"/facts/calculatedStackSize", "3"},
+      {"/strep",
+       "Value('Corvid::BoundedMplsLabelStack', ** {'stackSize': 1, 'label0': 100, 'label1': 1048576, 'label2': 1048576, "
+       "'label3': 1048576, 'label4': 1048576, 'label5': 1048576, 'label6': 1048576, 'entropyLabelBitMap': 2, "
+       "'entropyLabelIndicatorBitMap': 4})"}}},
+    {"vrf", {"default"}, {{"/text", "default"}, {"/strep", "'default'"}, {"/facts/isDefault", true}}},
+    {"vni", {"16777215"}, {{"/text", "16777215"}, {"/facts/hex", "0xffffff"}}},
+    {"vni-ext", {"2:10000"}, {{"/text", "2:10000"}, {"/facts/domain", "2"}}},
+    {"isis-system-id", {"1921.6800.1001"}, {{"/text", "1921.6800.1001"}, {"/facts/isZero", false}}},
+    {"isis-system-id", {"1921.68g0.1001"}, {{"/error", "Hex digit expected, but got: 'g'"}}},
+    {"isis-lsp-id", {"1921.6800.1001.00-01"}, {{"/text", "1921.6800.1001.00-01"}, {"/facts/lspFragmentId", "1"}}},
+    {"isis-area", {"49.0001"}, {{"/text", "49.0001"}, {"/facts/length", "3"}}},
+    {"esid", {"03:00:1c:73:0a:0b:0c:00:00:01"}, {{"/text", "03:00:1c:73:0a:0b:0c:00:00:01"}, {"/facts/type", "3"}}},
+    {"intf", {"Ethernet1/2"}, {{"/strep", "'Ethernet1/2'"}, {"/facts/shortName", "Et1/2"}}},
+};
+
+TEST_F(CorvidTool, ValueJson_ReportsEachTypesTextStrepAndFactsOrTheExactMessage) {
+  for (auto const& c : valueCases) {
+    for (auto const& text : c.texts) {
+      RUN(r, {"value", "--json", c.type, text});
+      bool const refused = c.expected.front().first == std::string("/error");
+      EXPECT_EQ(r.status, refused ? 1 : 0);
+      auto const objects = jsonLines(r.out);
+      ASSERT_EQ(objects.size(), 1u);
+      expectMembers(objects[0], {{"/type", c.type}, {"/input", text}});
+      expectMembers(objects[0], c.expected);
+    }
   }
+}
+
+// The text form of the same report, several texts in order, one refused.
+TEST_F(CorvidTool, ValueText_ReportsEachTextInOrderAndFailsIfAnyFails) {
+  RUN(r, {"value", "ipv4", "10.0.0.1", "10.0.0", "224.0.0.1"});
+  EXPECT_EQ(r.status, 1);
+  std::size_t at = 0;
+  for (std::string const& part : {std::string("10.0.0.1\n  text: 10.0.0.1\n  strep: 10.0.0.1\n"), std::string("  isPrivate: true\n"),
+                                  "  hash: " + hexNum(wang(0x0100000au), 8) + "\n",
+                                  std::string("10.0.0\n  error: Invalid IpAddr\n224.0.0.1\n"),
+                                  std::string("  mcastEtherAddress: 01:00:5e:00:00:01\n")}) {
+    at = r.out.find(part, at);
+    ASSERT_NE(at, std::string::npos) << part;
+  }
+  EXPECT_EQ(r.err, "corvid value: 10.0.0: Invalid IpAddr\n");
+}
+
+TEST_F(CorvidTool, ValueTypeWords_AreExactlyTheTypesTheTableExercises) {
+  RUN(r, {"value", "--help"});
+  ASSERT_EQ(r.status, 0);
+  std::istringstream listing(r.out.substr(r.out.find("TYPE words:\n") + 12));
+  std::set<std::string> listed, tested;
+  for (std::string line; std::getline(listing, line);) listed.insert(line.substr(2, line.find(' ', 2) - 2));
+  for (auto const& c : valueCases) tested.insert(c.type);
+  EXPECT_EQ(listed, tested);
+  RUN(missing, {"value"});
+  for (auto const& type : listed) EXPECT_TRUE(has(missing.err, " " + type)) << type;
 }
 
 // ---- packet ----------------------------------------------------------------
@@ -346,8 +324,6 @@ std::string toHex(std::string const& bytes) {
   for (char c : bytes) s += hexNum(U8(c), 2).substr(2);
   return s;
 }
-
-using Members = std::vector<std::pair<char const*, nlohmann::json>>;
 
 struct PacketCase {
   char const* what;

@@ -9,9 +9,15 @@
 
 namespace CorvidTool {
 
+// The two texts sit beside type and input; the facts have an object of
+// their own, since a type may well have a fact called "type".
+nlohmann::json& ValueReport::member(std::string const& name) {
+  return name == "text" || name == "strep" ? (*json_)[name] : (*json_)["facts"][name];
+}
+
 void ValueReport::line(std::string const& name, std::string const& value) {
   if (json_) {
-    (*json_)[name] = value;
+    member(name) = value;
   } else {
     out_ << "  " << name << ": " << value << "\n";
   }
@@ -19,7 +25,7 @@ void ValueReport::line(std::string const& name, std::string const& value) {
 
 void ValueReport::flag(std::string const& name, bool value) {
   if (json_) {
-    (*json_)[name] = value;
+    member(name) = value;
   } else {
     line(name, value ? "true" : "false");
   }
@@ -27,7 +33,7 @@ void ValueReport::flag(std::string const& name, bool value) {
 
 void ValueReport::hash(std::string const& name, unsigned long value) {
   if (json_) {
-    (*json_)[name] = value;
+    member(name) = value;
     return;
   }
   char buf[32];
@@ -46,8 +52,8 @@ std::vector<ValueType> const& valueTypes() {
 }
 
 void valueHelp(std::ostream& out) {
-  out << "\n  --json  one JSON object per TEXT: type, input, then text, strep and the facts\n"
-         "          (or error)\n\nTYPE words:\n";
+  out << "\n  --json  one JSON object per TEXT: type, input, then text, strep and facts\n"
+         "          (an object of the type's predicates, hashes and parts), or error\n\nTYPE words:\n";
   for (auto const& t : valueTypes()) {
     std::string const name = t.name;
     out << "  " << name << std::string(name.size() < 18 ? 18 - name.size() : 1, ' ') << t.summary << "\n";

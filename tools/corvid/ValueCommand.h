@@ -21,7 +21,8 @@
 namespace CorvidTool {
 
 // Where a row's facts go: "  name: value" lines, or, given a JSON object,
-// its members (flags as booleans, hashes as numbers).
+// its "text" and "strep" members and its "facts" object (flags as booleans,
+// hashes as numbers).
 class ValueReport {
  public:
   explicit ValueReport(std::ostream& out, nlohmann::json* json = nullptr) : out_(out), json_(json) {}
@@ -30,6 +31,8 @@ class ValueReport {
   void hash(std::string const& name, unsigned long value);
 
  private:
+  nlohmann::json& member(std::string const& name);
+
   std::ostream& out_;
   nlohmann::json* json_;
 };
