@@ -7,6 +7,8 @@
 
 #include <functional>
 
+#include "support/NetnsScope.h"
+
 namespace {
 
 using Brio::ActivityManager;
@@ -34,11 +36,7 @@ struct Pipe {
   int fds[2] = {-1, -1};
 };
 
-int openDescriptors() {
-  int n = 0;
-  for (int fd = 0; fd < 4096; ++fd) n += fcntl(fd, F_GETFD) >= 0;
-  return n;
-}
+using CorvidTest::openDescriptors;
 
 TEST(FileDescriptor, LevelTriggeredRepeatsEveryTurnUntilDrained) {
   ActivityManager am;
