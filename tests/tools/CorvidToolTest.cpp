@@ -230,6 +230,7 @@ ValueCase const valueCases[] = {
        "'label3': 1048576, 'label4': 1048576, 'label5': 1048576, 'label6': 1048576, 'entropyLabelBitMap': 2, "
        "'entropyLabelIndicatorBitMap': 4})"}}},
     {"vrf", {"default"}, {{"/text", "default"}, {"/strep", "'default'"}, {"/facts/isDefault", true}}},
+    {"vrf", {"a\xff" "b"}, {{"/text", "a\uFFFD" "b"}}},  // not UTF-8: replaced, not a crash
     {"vni", {"16777215"}, {{"/text", "16777215"}, {"/facts/hex", "0xffffff"}}},
     {"vni-ext", {"2:10000"}, {{"/text", "2:10000"}, {"/facts/domain", "2"}}},
     {"isis-system-id", {"1921.6800.1001"}, {{"/text", "1921.6800.1001"}, {"/facts/isZero", false}}},
@@ -248,7 +249,10 @@ TEST_F(CorvidTool, ValueJson_ReportsEachTypesTextStrepAndFactsOrTheExactMessage)
       EXPECT_EQ(r.status, refused ? 1 : 0);
       auto const objects = jsonLines(r.out);
       ASSERT_EQ(objects.size(), 1u);
-      expectMembers(objects[0], {{"/type", c.type}, {"/input", text}});
+      // The input as the tool prints it: bytes that are not UTF-8 become U+FFFD.
+      auto const input = nlohmann::json::parse(
+          nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+      expectMembers(objects[0], {{"/type", c.type}, {"/input", input}});
       expectMembers(objects[0], c.expected);
     }
   }

@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "Command.h"
+#include "JsonLine.h"
 #include "PacketDecode.h"
 
 namespace CorvidTool {
@@ -65,7 +66,7 @@ class CapturePrinter : public Corvid::DescriptorPam::Notifiee {
         if (json_) {
           nlohmann::json event = {{"event", "frame"}, {"frame", seen_}};
           describeFrame(pkt->stringValue().str(), out_, &event);
-          out_ << event.dump() << std::endl;
+          out_ << jsonLine(event) << std::endl;
           continue;
         }
         out_ << "frame " << seen_ << ": " << pkt->bytes() << " bytes\n";
@@ -118,14 +119,14 @@ int captureCommand(Args const& argsGiven, std::ostream& out, std::ostream& err) 
     return 1;
   }
   if (json) {
-    out << nlohmann::json{{"event", "start"}, {"intf", o.get("--intf")}}.dump() << std::endl;
+    out << jsonLine({{"event", "start"}, {"intf", o.get("--intf")}}) << std::endl;
   } else {
     out << "capturing IPv4 frames on " << o.get("--intf") << "\n";
   }
   loop.runUntil([&] { return printer.done(); }, seconds ? static_cast<F64>(seconds) : 1e9);
   if (pam->rxErrors()) err << "corvid capture: " << pam->rxErrors() << " receive errors, last: " << pam->reason() << "\n";
   if (json) {
-    out << nlohmann::json{{"event", "end"}, {"frames", printer.seen()}, {"rxErrors", pam->rxErrors()}}.dump() << "\n";
+    out << jsonLine({{"event", "end"}, {"frames", printer.seen()}, {"rxErrors", pam->rxErrors()}}) << "\n";
   } else {
     out << printer.seen() << " frames\n";
   }

@@ -18,6 +18,7 @@
 #include <type_traits>
 
 #include "Command.h"
+#include "JsonLine.h"
 #include "PacketDecode.h"
 
 namespace CorvidTool {
@@ -721,7 +722,7 @@ int packetCommand(Args const& argsGiven, std::ostream& out, std::ostream& err) {
   if (!json) return describeFrame(frame, out) ? 0 : 1;
   nlohmann::json object;
   bool const ok = describeFrame(frame, out, &object);
-  out << object.dump() << "\n";
+  out << jsonLine(object) << "\n";
   return ok ? 0 : 1;
 }
 

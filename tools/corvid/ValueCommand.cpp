@@ -6,6 +6,7 @@
 #include <ostream>
 
 #include "Command.h"
+#include "JsonLine.h"
 
 namespace CorvidTool {
 
@@ -87,7 +88,7 @@ int valueCommand(Args const& argsGiven, std::ostream& out, std::ostream& err) {
       err << "corvid value: " << args[i] << ": " << e.what() << "\n";
       status = 1;
     }
-    if (json) out << object.dump() << "\n";
+    if (json) out << jsonLine(object) << "\n";
   }
   return status;
 }
