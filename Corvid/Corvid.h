@@ -24,4 +24,17 @@
 #include <routing/Evpn.h>
 #include <routing/FlexAlgo.h>
 #include <routing/L2Vpn.h>
+#include <Corvid/Pam.h>
+#include <Corvid/DescriptorPam.h>
+#include <Corvid/DatagramPam.h>
+#include <Corvid/EthDevicePam.h>
+#include <Corvid/TestPam.h>
+#include <Corvid/PktSocket.h>
+#include <Corvid/RawSocket.h>
+#include <Corvid/NsUtils.h>
+#include <Corvid/NetnsUtils.h>
+#include <Corvid/NetlinkUtils.h>
+#include <Corvid/NetlinkNetNsSm.h>
+#include <Corvid/NetlinkDecode.h>
+#include <Corvid/RtnlMirror.h>
 #include <Corvid/KernelNetNsInfo.h>
