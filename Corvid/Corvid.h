@@ -24,3 +24,7 @@
 #include <routing/Evpn.h>
 #include <routing/FlexAlgo.h>
 #include <routing/L2Vpn.h>
+#include <Corvid/TcpFd.h>
+#include <Corvid/TcpClientServer.h>
+#include <Corvid/TcpPduPam.h>
+#include <Corvid/SimpleTcpPduPam.h>
