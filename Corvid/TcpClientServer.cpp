@@ -750,8 +750,8 @@ void TcpClientSm::restartRetryTimer() {
       FENNEL_ASSERT(tcpClientStatus()->connectionStatus() == TcpClientStatus::ConnectionStatus::connecting_);
   }
   restartRetryTimerImpl(interval);
-  tcpClientStatus_->retryTimerNextIs(retryTimerExpireTime());
   tcpClientStatus_->retryTimerIntervalIs(interval);
+  tcpClientStatus_->retryTimerNextIs(retryTimerExpireTime());
   TCP_SM_TRACE(levelInfo, " interval=" << interval << " next=" << retryTimerExpireTime());
 }
 

@@ -1,0 +1,73 @@
+// `corvid pdu serve` and `corvid pdu send` as an operator runs them: two
+// real processes in the test's own namespace, progress lines checked.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <sstream>
+#include <string>
+
+#include "support/NetnsScope.h"
+#include "tools/ToolProcess.h"
+
+namespace {
+
+bool has(std::string const& text, std::string const& part) { return text.find(part) != std::string::npos; }
+
+int lineCount(std::string const& text, std::string const& part) {
+  std::istringstream in(text);
+  int n = 0;
+  for (std::string line; std::getline(in, line);) n += has(line, part);
+  return n;
+}
+
+class PduCommand : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    CORVID_REQUIRE_NETNS(ns_);
+    ASSERT_EQ(access(CorvidTest::corvidBinary().c_str(), X_OK), 0) << "corvid is not built";
+  }
+  CorvidTest::NetnsScope ns_;
+};
+
+TEST_F(PduCommand, SendGetsEveryPduEchoedByServe) {
+  CorvidTest::ToolProcess server({"pdu", "serve", "--listen", "127.0.0.1:7301", "--count", "3", "--seconds", "20"});
+  usleep(300000);
+  CorvidTest::ToolResult sent =
+      CorvidTest::ToolProcess({"pdu", "send", "--to", "127.0.0.1:7301", "--count", "3", "--size", "100", "--json"})
+          .finish(20);
+  CorvidTest::ToolResult served = server.finish(20);
+  EXPECT_EQ(sent.status, 0) << sent.out << sent.err;
+  EXPECT_TRUE(has(sent.out, "{\"event\": \"connected\", \"connection\": \"127.0.0.1 port ")) << sent.out;
+  EXPECT_EQ(lineCount(sent.out, "{\"event\": \"echo\", \"pdu\": "), 3) << sent.out;
+  EXPECT_EQ(lineCount(sent.out, "\"bytes\": 100, \"match\": true}"), 3) << sent.out;
+  EXPECT_TRUE(has(sent.out, "{\"event\": \"done\", \"sent\": 3, \"echoed\": 3}")) << sent.out;
+  EXPECT_EQ(served.status, 0) << served.err;
+  EXPECT_EQ(lineCount(served.out, "echoed bytes=100 from=127.0.0.1 port 7301 -> 127.0.0.1 port "), 3) << served.out;
+  EXPECT_TRUE(has(served.out, "accepted from=127.0.0.1:")) << served.out;
+}
+
+TEST_F(PduCommand, RefusedSendReportsReasonsRetriesAndTimeout) {
+  CorvidTest::ToolResult r =
+      CorvidTest::ToolProcess({"pdu", "send", "--to", "127.0.0.1:7302", "--timeout", "4", "--backoff", "2"}).finish(20);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(has(r.out, "failed reason=Connect (Connection refused) retryInterval=1 errors=1\n")) << r.out;
+  EXPECT_TRUE(has(r.out, "failed reason=Connect (Connection refused) retryInterval=2 errors=2\n")) << r.out;
+  EXPECT_TRUE(has(r.out, "timedout")) << r.out;
+  EXPECT_TRUE(has(r.err, "corvid pdu send: no connection: Connect (Connection refused)")) << r.err;
+}
+
+TEST_F(PduCommand, BadCommandLinesExitTwo) {
+  for (auto const& args : std::vector<std::vector<std::string>>{
+           {"pdu"},
+           {"pdu", "serve"},
+           {"pdu", "send", "--to", "10.0.0.1"},
+           {"pdu", "send", "--to", "10.0.0.1:1", "--md5", "10.0.0.1"},
+           {"pdu", "send", "--to", "10.0.0.1:1", "--size", "19"},
+           {"pdu", "listen"},
+       }) {
+    CorvidTest::ToolResult r = CorvidTest::ToolProcess(args).finish(10);
+    EXPECT_EQ(r.status, 2) << args.size() << " " << r.err;
+  }
+}
+
+}  // namespace
