@@ -131,7 +131,7 @@ void TcpPduPam::applyEnableMode(TcpPduPamEnableMode mode) {
     tcpPduFdSm_->fdIs(fdFactory_->createEventRegistration(fileDescriptor_, false));
   }
   if (auto const& reg = tcpPduFdSm_ ? tcpPduFdSm_->fd() : nullptr) {
-    reg->notifyOnReadableIs(readModeEnabled() && !readable_);
+    reg->notifyOnReadableIs(readModeEnabled() && !readable_ && !rxFailed_);
     reg->notifyOnWritableIs(writeModeEnabled() && txIovHolderShadow_ != nullptr);
     reg->enabledIs(true);
   }
@@ -164,11 +164,11 @@ void TcpPduPam::writableIs(bool v) {
 }
 
 void TcpPduPam::rxNotifyIs(bool on) {
-  if (tcpPduFdSm_ && tcpPduFdSm_->fd()) tcpPduFdSm_->fd()->notifyOnReadableIs(on && readModeEnabled());
+  if (tcpPduFdSm_ && tcpPduFdSm_->fd()) tcpPduFdSm_->fd()->notifyOnReadableIs(on && readModeEnabled() && !rxFailed_);
 }
 
 void TcpPduPam::rxResume() {
-  if (!enabled_ || !readModeEnabled() || readable_) return;
+  if (!enabled_ || !readModeEnabled() || readable_ || rxFailed_) return;
   if (socketReadable_ || readAheadBytes() != 0) {
     readNextPdu();
     if (readable_) readableCountInc(1);
@@ -303,7 +303,7 @@ TcpPduPamReadReturn TcpPduPam::readFromSocket() {
 }
 
 void TcpPduPam::readNextPdu() {
-  if (!enabled_ || !readModeEnabled() || readable_) return;
+  if (!enabled_ || !readModeEnabled() || readable_ || rxFailed_) return;
   // Write-only is coming (it waits for a send to finish): no new PDU.
   if (!rxPduInProgress() &&
       pendingEnableReadOnlyOrWriteOnlyMode_ == TcpPduPamEnableMode::tcpEnableModeWriteOnly_) {
@@ -335,9 +335,12 @@ void TcpPduPam::handleReadError(Brio::String const& reason) {
   // The stream is unusable after any of these: stop following it (a closed
   // socket stays readable for ever) and drop the half PDU.
   rxNotifyIs(false);
+  rxFailed_ = true;
   rxPktHolderShadow_ = nullptr;
   rxRemainingLength_ = 0;
   socketReadable_ = false;
+  aheadPkt_ = nullptr;
+  aheadOffset_ = 0;
   readableIs(false);
   rxErrorsInc(1);
   notify(&Notifiee::handleRxErrorReason);

@@ -315,6 +315,8 @@ class TcpPduPam : public TcpPduPamBase {
   // The socket may hold more data: set by each readable event, cleared by
   // a read that drained it.
   bool socketReadable_ = false;
+  // A read failed: the stream is out of step or gone, nothing more is read.
+  bool rxFailed_ = false;
   // Inside doGetRxPkt: `readable` changes there are not notified.
   bool inRxPkt_ = false;
   std::array<iovec, Pkt::maxIovecs_> txIov_{};
