@@ -64,13 +64,7 @@ std::string format(char const* fmt, A... a) {
 bool isV6(AddressFamily af) { return af == AddressFamily::ipv6; }
 Brio::String errnoText(int e) { return Brio::String(std::strerror(e)); }
 
-// Local or peer end of a connected socket.
-bool socketEnd(int sd, bool peer, IpGenAddr* addr, Port* port) {
-  sockaddr_storage ss{};
-  socklen_t len = sizeof ss;
-  int rc = peer ? ::getpeername(sd, reinterpret_cast<sockaddr*>(&ss), &len)
-                : ::getsockname(sd, reinterpret_cast<sockaddr*>(&ss), &len);
-  if (rc < 0) return false;
+bool sockaddrToEnd(sockaddr_storage const& ss, IpGenAddr* addr, Port* port) {
   if (ss.ss_family == AF_INET) {
     auto const* sin = reinterpret_cast<sockaddr_in const*>(&ss);
     *addr = IpAddr::fromNetworkOrder(sin->sin_addr.s_addr);
@@ -87,6 +81,16 @@ bool socketEnd(int sd, bool peer, IpGenAddr* addr, Port* port) {
   }
   errno = EAFNOSUPPORT;
   return false;
+}
+
+// Local or peer end of a connected socket.
+bool socketEnd(int sd, bool peer, IpGenAddr* addr, Port* port) {
+  sockaddr_storage ss{};
+  socklen_t len = sizeof ss;
+  int rc = peer ? ::getpeername(sd, reinterpret_cast<sockaddr*>(&ss), &len)
+                : ::getsockname(sd, reinterpret_cast<sockaddr*>(&ss), &len);
+  if (rc < 0) return false;
+  return sockaddrToEnd(ss, addr, port);
 }
 
 // Both ends of a connected or accepted socket; empty when either is unknown.
@@ -934,13 +938,29 @@ void TcpServerSm::handleTimeout() {
 }
 
 TcpConnSocket TcpServerSm::socketAccepted(TcpFileDescriptor const* serverFd) {
-  Brio::Ptr<TcpFileDescriptor const> sock = TcpFileDescriptor::socketAccept(
-      serverFd, af(), networkNamespace(), tcpServerConfig_ && tcpServerConfig_->edgeTriggeredFileDescriptor());
+  sockaddr_storage peer{};
+  Brio::Ptr<TcpFileDescriptor const> sock =
+      TcpFileDescriptor::socketAccept(serverFd, af(), networkNamespace(),
+                                      tcpServerConfig_ && tcpServerConfig_->edgeTriggeredFileDescriptor(), &peer);
   if (!sock) return TcpConnSocket();
-  TcpConnSocket conn = connectedEnds(sock, "Accepted", 0);
-  // A connection reset between accept and getpeername still counts as
-  // accepted: the owner sees the failure at its first read.
-  return conn ? conn : TcpConnSocket(sock);
+  IpGenAddr dst;
+  Port dstPort;
+  if (!sockaddrToEnd(peer, &dst, &dstPort)) return TcpConnSocket(sock);
+  // The local end is the listener's own address unless it listens on the
+  // wildcard: one getsockname less per connection then.
+  IpGenAddr src = tcpServerConfig_->listenIpAddr();
+  Port srcPort = tcpServerConfig_->listenPort();
+  if (src == IpGenAddr(src.af()) || dst.af() != src.af()) {
+    if (!socketEnd(sock->descriptor(), false, &src, &srcPort)) {
+      TCP_FN_TRACE(levelError, "getsockname error: af=" << af() << " errno=" << errno);
+      return TcpConnSocket(sock);
+    }
+  }
+  TCP_FN_TRACE(levelInfo, "Accepted: fileDescriptor=" << sock->descriptor() << " addr=" << dst
+                                                      << " port=" << dstPort.value());
+  // A connection reset between accept and the owner's first read still
+  // counts as accepted: the owner sees the failure at that read.
+  return TcpConnSocket(sock, src, srcPort, dst, dstPort, 0);
 }
 
 void TcpServerSm::handleAccept() {

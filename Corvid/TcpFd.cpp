@@ -41,10 +41,19 @@ Brio::Ptr<TcpFileDescriptor> TcpFileDescriptor::socket(AddressFamily af, Namespa
 Brio::Ptr<TcpFileDescriptor> TcpFileDescriptor::socketAccept(TcpFileDescriptor const* serverFd, AddressFamily af,
                                                              NamespaceName const& networkNamespace,
                                                              bool edgeTriggered) {
+  return socketAccept(serverFd, af, networkNamespace, edgeTriggered, nullptr);
+}
+
+Brio::Ptr<TcpFileDescriptor> TcpFileDescriptor::socketAccept(TcpFileDescriptor const* serverFd, AddressFamily af,
+                                                             NamespaceName const& networkNamespace,
+                                                             bool edgeTriggered, sockaddr_storage* peer) {
   (void)af;
   (void)networkNamespace;  // an accepted socket lives where its listener does
   GLIMMER_TRACE(tr, 6, "Accept: serverFileDescriptor=" << serverFd->descriptor());
-  int const sd = ::accept4(serverFd->descriptor(), nullptr, nullptr, SOCK_CLOEXEC);
+  socklen_t len = sizeof(sockaddr_storage);
+  // Non-blocking from the start: every owner registers it on the loop.
+  int const sd = ::accept4(serverFd->descriptor(), reinterpret_cast<sockaddr*>(peer), peer ? &len : nullptr,
+                           SOCK_CLOEXEC | SOCK_NONBLOCK);
   if (sd < 0) return nullptr;
   return tcpFileDescriptorFactory(sd, edgeTriggered);
 }

@@ -17,6 +17,7 @@
 #include <Brio/FileDescriptor.h>
 #include <Corvid/Ip.h>
 #include <Corvid/NamespaceName.h>
+#include <sys/socket.h>
 
 #include <cctype>
 #include <ostream>
@@ -73,6 +74,10 @@ class TcpFileDescriptor : public Brio::Entity {
   // for the caller: EAGAIN when none waits) when accept fails.
   static Brio::Ptr<TcpFileDescriptor> socketAccept(TcpFileDescriptor const* serverFd, AddressFamily af,
                                                    NamespaceName const& networkNamespace, bool edgeTriggered);
+  // As above, also filling the peer's address (as accept reports it).
+  static Brio::Ptr<TcpFileDescriptor> socketAccept(TcpFileDescriptor const* serverFd, AddressFamily af,
+                                                   NamespaceName const& networkNamespace, bool edgeTriggered,
+                                                   sockaddr_storage* peer);
 
  protected:
   TcpFileDescriptor(int descriptor, bool edgeTriggered);
