@@ -5,6 +5,7 @@
 #include <Corvid/TcpClientServer.h>
 #include <Glimmer/Glimmer.h>
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
@@ -12,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -172,6 +174,30 @@ TEST(TcpFreeFunctionsDeathTest, InvariantTexts) {
   sockaddr_storage ss;
   EXPECT_DEATH(constructSockAddr(reinterpret_cast<sockaddr*>(&ss), IpGenAddr()), "Unexpected af");
   close(sd);
+}
+
+TEST(TcpEnums, TextFormsRoundTripAndRefuseOtherWords) {
+  struct Case {
+    std::string text;
+    std::string bad;
+    std::function<std::string(std::string const&)> roundTrip;
+  } const cases[] = {
+      {"connecting", "connect",
+       [](std::string const& t) { return valueToStrep(Brio::strepToValue<Status>(Brio::String(t))).str(); }},
+      {"timedout", "timedOut",
+       [](std::string const& t) { return valueToStrep(Brio::strepToValue<Status>(Brio::String(t))).str(); }},
+      {"sdEstablished", "sdestablished",
+       [](std::string const& t) {
+         return valueToStrep(Brio::strepToValue<TcpSmBase::SdType>(Brio::String(t))).str();
+       }},
+  };
+  for (auto const& c : cases) {
+    EXPECT_EQ(c.roundTrip(c.text), c.text);
+    EXPECT_THROW(c.roundTrip(c.bad), Brio::RangeException) << c.bad;
+  }
+  std::ostringstream os;
+  os << Status::idle_ << " " << TcpSmBase::SdType::sdAccepted_;
+  EXPECT_EQ(os.str(), "idle sdAccepted");
 }
 
 // --- options read back from the kernel ----------------------------------------------------
@@ -467,6 +493,119 @@ TEST_F(TcpRetryTest, NoDescriptorLeaksAfterClientsAndServers) {
     server->restartListener();
   }
   EXPECT_EQ(CorvidTest::openDescriptors(), before);
+}
+
+class TcpLoopbackTest : public ::testing::Test {
+ protected:
+  void SetUp() override { CORVID_REQUIRE_NETNS(ns_); }
+  NetnsScope ns_;
+  Brio::ActivityManager am_;
+  Rig rig_;
+};
+
+// Options cleared on a server reach its listening socket; sockets already
+// accepted keep what they got, deliberately: their options are never
+// cleared, only set.
+TEST_F(TcpLoopbackTest, ClearedServerOptionsSpareAcceptedSockets) {
+  U16 const port = freePort();
+  auto sconf = tcpServerConfigFactory(v4("127.0.0.1"), Port(port));
+  sconf->optionsIs(TcpSocketOptions(TcpSocketOptions::txTtlBit));
+  sconf->txTtlIs(IpTtl(33));
+  auto sstatus = tcpServerStatusFactory();
+  auto server = tcpServerSmFactory(rig_.regs, rig_.wheel, sconf, sstatus);
+  ASSERT_TRUE(server->startListener());
+  auto connectOne = [&] {
+    int c = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(connect(c, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+    U32 const before = sstatus->connSocketCount();
+    EXPECT_TRUE(am_.runUntil([&] { return sstatus->connSocketCount() > before; }, 5));
+    return c;
+  };
+  int c1 = connectOne();
+  TcpConnSocket first = sstatus->getConnSocket();
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first.srcIpAddr(), v4("127.0.0.1"));
+  EXPECT_EQ(first.srcPort().value(), port);
+  EXPECT_EQ(first.dstPort().value(), boundPort(c1));
+  int const listenSd = server->fd()->fileDescriptor()->descriptor();
+  sconf->optionsIs(TcpSocketOptions(0));
+  EXPECT_TRUE(sstatus->listening());  // no key involved: the live socket is changed
+  EXPECT_EQ(server->fd()->fileDescriptor()->descriptor(), listenSd);
+  EXPECT_EQ(intOption(listenSd, IPPROTO_IP, IP_TTL), 64);
+  EXPECT_EQ(intOption(first.descriptor(), IPPROTO_IP, IP_TTL), 33);
+  int c2 = connectOne();
+  EXPECT_EQ(intOption(sstatus->getConnSocket().descriptor(), IPPROTO_IP, IP_TTL), 64);
+  close(c1);
+  close(c2);
+}
+
+TEST_F(TcpLoopbackTest, ClientKeepsItsLiveConnectionOverKeyAndIdleOptionChanges) {
+  U16 const port = freePort();
+  auto server = tcpServerSmFactory(rig_.regs, rig_.wheel, tcpServerConfigFactory(v4("127.0.0.1"), Port(port)),
+                                   tcpServerStatusFactory());
+  ASSERT_TRUE(server->startListener());
+  auto cconf = tcpClientConfigFactory(v4("127.0.0.1"), Port(port));
+  auto status = tcpClientStatusFactory();
+  auto client = tcpClientSmFactory(rig_.regs, rig_.wheel, 3, cconf, status);
+  // While idle there is no socket to change: nothing fails, nothing retries.
+  cconf->optionsIs(TcpSocketOptions(TcpSocketOptions::txTtlBit));
+  cconf->txTtlIs(IpTtl(17));
+  EXPECT_EQ(status->connectionStatus(), Status::idle_);
+  EXPECT_EQ(status->connectionErrorCount(), 0u);
+  EXPECT_EQ(client->retryTimerExpireTime(), Brio::never);
+  Glimmer::enable("Corvid", 5);
+  Glimmer::Capture trace;
+  ASSERT_TRUE(client->startConnection());
+  ASSERT_TRUE(am_.runUntil([&] { return status->connectionStatus() == Status::connected_; }, 5));
+  EXPECT_TRUE(trace.contains("Connection is in progress"));
+  EXPECT_TRUE(trace.contains("Connected: fileDescriptor="));
+  TcpConnSocket const live = status->connSocket();
+  EXPECT_EQ(intOption(live.descriptor(), IPPROTO_IP, IP_TTL), 17);
+  EXPECT_EQ(client->retryTimerExpireTime(), Brio::never);
+  cconf->md5AuthIs(IpGenAddrWithMask(Brio::String("127.0.0.1/32")), "later");
+  EXPECT_TRUE(trace.contains("127.0.0.1/32 Ignoring MD5 change, will be applied at start of new connection"));
+  EXPECT_EQ(status->connSocket(), live);
+  EXPECT_EQ(status->connectionStatus(), Status::connected_);
+  Glimmer::enable("Corvid", -1);
+  client->stopConnection();
+  EXPECT_FALSE(status->connSocket());
+  EXPECT_EQ(fcntl(live.descriptor(), F_GETFD) >= 0, true);  // `live` still holds it
+}
+
+TEST_F(TcpLoopbackTest, AdoptedConnectionGetsOptionsAndInterfaceBinding) {
+  U16 const port = freePort();
+  int l = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port);
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(l, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  listen(l, 1);
+  int c = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_EQ(connect(c, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+  auto cconf = tcpClientConfigFactory(v4("127.0.0.1"), Port(port));
+  cconf->optionsIs(TcpSocketOptions(TcpSocketOptions::txDsBit | TcpSocketOptions::dontRouteBit));
+  cconf->txDsIs(IpDscp(40));
+  cconf->dstIntfIfIndexIs(2);  // any index: SO_DONTROUTE keeps only on/off
+  auto status = tcpClientStatusFactory();
+  auto client = tcpClientSmFactory(rig_.regs, rig_.wheel, 4, cconf, status);
+  auto fd = tcpFileDescriptorFactory(c, false);
+  EXPECT_TRUE(client->connectionConfirmed(fd, v4("127.0.0.1"), Port(boundPort(c)), Port(port)));
+  EXPECT_EQ(status->connectionStatus(), Status::connected_);
+  EXPECT_EQ(client->getClientSocket(), c);
+  EXPECT_EQ(intOption(c, SOL_SOCKET, SO_DONTROUTE), 1);
+  EXPECT_EQ(intOption(c, IPPROTO_IP, IP_TOS), 40);
+  // A socket the kernel refuses options on is not adopted.
+  auto dead = tcpFileDescriptorFactory(-1, false);
+  EXPECT_FALSE(client->connectionConfirmed(dead, v4("127.0.0.1"), Port(1), Port(port)));
+  EXPECT_EQ(status->reason().str(), "Setsockopt (Bad file descriptor)");
+  EXPECT_FALSE(status->connSocket());
+  EXPECT_EQ(status->connectionStatus(), Status::failed_);
+  close(l);
 }
 
 // --- MD5 and GTSM between two namespaces -----------------------------------------------------
