@@ -220,7 +220,12 @@ class TcpPduPam : public TcpPduPamBase {
   TcpKeepaliveOptions const& keepaliveOpts() const { return keepaliveOpts_; }
   void keepaliveOptsIs(TcpKeepaliveOptions const& v);
   U32 tcpOptErrors() const { return tcpOptErrors_; }
+  void tcpOptErrorsIs(U32 v) { tcpOptErrors_ = v; }
+  void tcpOptErrorsInc() { ++tcpOptErrors_; }
   Brio::String const& tcpOptErrorReason() const { return tcpOptErrorReason_; }
+  void tcpOptErrorReasonIs(Brio::String const& v) { tcpOptErrorReason_ = v; }
+  void rxErrorReasonIs(Brio::String const& v) { rxErrorReason_ = v; }
+  void txErrorReasonIs(Brio::String const& v) { txErrorReason_ = v; }
   bool initialized() const { return initialized_; }
 
   bool readModeEnabled() const {

@@ -491,6 +491,14 @@ TEST_F(TcpRetryTest, NoDescriptorLeaksAfterClientsAndServers) {
       ASSERT_TRUE(refused(refusedStatus));
     }
     server->restartListener();
+    // A namespace that does not exist: the attempt fails at the socket.
+    auto nsConf = tcpClientConfigFactory(v4("127.0.0.1"), Port(port));
+    nsConf->networkNamespaceIs(NamespaceName("corvid-no-such-namespace"));
+    auto nsStatus = tcpClientStatusFactory();
+    auto nsClient = tcpClientSmFactory(rig_.regs, rig_.wheel, 3, nsConf, nsStatus);
+    EXPECT_FALSE(nsClient->startConnection());
+    EXPECT_EQ(nsStatus->reason().str(), "Socket (No such file or directory)");
+    EXPECT_EQ(nsStatus->connectionStatus(), Status::failed_);
   }
   EXPECT_EQ(CorvidTest::openDescriptors(), before);
 }
@@ -618,7 +626,8 @@ class TcpTwoNamespacesTest : public ::testing::Test {
     CORVID_REQUIRE_NETNS(ns_);
     ASSERT_TRUE(server_.ok());
     ASSERT_EQ(sh("ip link add vc type veth peer name vs netns " + server_.name() +
-                 " && ip link set vc up && ip addr add 10.77.0.1/24 dev vc && ip addr add fd00:77::1/64 dev vc nodad"),
+                 " && ip link set vc up && ip addr add 10.77.0.1/24 dev vc && ip addr add 10.77.0.3/24 dev vc && "
+                 "ip addr add fd00:77::1/64 dev vc nodad"),
               0);
     ASSERT_EQ(server_.ip("link set vs up"), 0);
     ASSERT_EQ(server_.ip("addr add 10.77.0.2/24 dev vs"), 0);
@@ -666,10 +675,13 @@ TEST_F(TcpTwoNamespacesTest, Md5KeysAdmitOnlyTheRightKey) {
     char const* clientKeyFor;  // peer entry on the client, null: no key
     char const* clientKey;
     bool connects;
+    char const* clientIpAddr = nullptr;  // bound when set
   } const cases[] = {
       {"host key", "10.77.0.2", "10.77.0.1/32", "10.77.0.2/32", "s3cret", true},
       {"prefix key", "10.77.0.2", "10.77.0.0/24", "10.77.0.2/32", "s3cret", true},
       {"prefix key with host bits", "10.77.0.2", "10.77.0.9/24", "10.77.0.2/32", "s3cret", true},
+      {"prefix key, another peer of it", "10.77.0.2", "10.77.0.9/24", "10.77.0.2/32", "s3cret", true, "10.77.0.3"},
+      {"host key of another peer", "10.77.0.2", "10.77.0.1/32", "10.77.0.2/32", "s3cret", false, "10.77.0.3"},
       {"client without key", "10.77.0.2", "10.77.0.1/32", nullptr, "", false},
       {"client with a wrong key", "10.77.0.2", "10.77.0.0/24", "10.77.0.2/32", "wrong", false},
       {"ipv6 host key", "fd00:77::2", "fd00:77::1/128", "fd00:77::2/128", "s3cret", true},
@@ -684,12 +696,16 @@ TEST_F(TcpTwoNamespacesTest, Md5KeysAdmitOnlyTheRightKey) {
           conf->md5AuthIs(IpGenAddrWithMask(Brio::String(c.serverKeyFor)), "s3cret");
         },
         [&](TcpClientConfig* conf) {
+          if (c.clientIpAddr) conf->clientIpAddrIs(v4(c.clientIpAddr));
           if (!c.clientKeyFor) return;
           conf->optionsIs(TcpSocketOptions(TcpSocketOptions::md5AuthBit));
           conf->md5AuthIs(IpGenAddrWithMask(Brio::String(c.clientKeyFor)), c.clientKey);
         },
         c.connects ? 5 : 1.5);
     EXPECT_EQ(s.connected, c.connects) << c.name << ": " << s.client->tcpClientStatus()->reason().view();
+    if (c.connects && c.clientIpAddr) {
+      EXPECT_EQ(s.client->tcpClientStatus()->connSocket().srcIpAddr(), v4(c.clientIpAddr)) << c.name;
+    }
     if (!c.connects) EXPECT_EQ(s.server->tcpServerStatus()->connSocketCount(), 0u) << c.name;
   }
 }
