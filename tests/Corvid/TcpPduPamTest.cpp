@@ -231,6 +231,13 @@ TEST_F(TcpPduPamTest, SendInvariantsDeathTest) {
   pkt->stringValueIs(pdu(9000));
   while (pam->writable()) pam->txPktIs(pkt);
   EXPECT_DEATH(pam->txPktIs(pkt), "!txPktHolderShadow\\(\\)");
+  auto disabled = endpoint(dup(pair.ours), false);
+  Brio::Ptr<Pkt> small20 = globalPktManager()->newPkt();
+  small20->stringValueIs(pdu(20));
+  EXPECT_DEATH(disabled->txPktIs(small20), "writable\\(\\)");
+  auto noSocket = endpoint(-1, false);
+  noSocket->enabledIs(true);
+  EXPECT_DEATH(noSocket->keepaliveOptsIs(TcpKeepaliveOptions(1, 1, 1)), "keepaliveOpts\\(\\).enabled\\(\\) == false");
   auto plain = tcpPduPamFactory(tcpFileDescriptorFactory(dup(pair.ours), false),
                                 tcpFileDescriptorEventRegistrationFactoryBrioc());
   EXPECT_DEATH(plain->readFromSocket(), "0 && \"Need to implement getRemainingLength in a derived class\"");
