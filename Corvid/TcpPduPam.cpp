@@ -81,7 +81,6 @@ void TcpPduPam::cleanup() {
   txIovLenHolderShadow_ = 0;
   txRemainingLength_ = 0;
   aheadPkt_ = nullptr;
-  aheadOffset_ = 0;
   if (tcpPduFdSm_) tcpPduFdSm_->fdDel();
   tcpPduFdSm_ = nullptr;
 }
@@ -186,7 +185,7 @@ void TcpPduPam::readAheadIs(bool v) {
 }
 
 U32 TcpPduPam::readAheadBytes() const {
-  return aheadPkt_ ? aheadPkt_->sharedBuffer()->dataBytes() - aheadOffset_ : 0;
+  return aheadPkt_ ? aheadPkt_->sharedBuffer()->dataBytes() : 0;
 }
 
 // --- reading ------------------------------------------------------------------------------
@@ -236,7 +235,6 @@ int TcpPduPam::readInto(Brio::Ptr<Pkt> const& pkt, U16 length, TcpPduPamReadRetu
       }
       aheadPkt_->resetSharedData();
       tailroomForReading(aheadPkt_.ptr());
-      aheadOffset_ = 0;
       aheadPkt_->newSharedTailData(readAheadBufferBytes);
       int const got = readPkt(aheadPkt_, static_cast<U16>(readAheadBufferBytes));
       aheadPkt_->delSharedTailData(readAheadBufferBytes - (got > 0 ? static_cast<U32>(got) : 0));
@@ -245,8 +243,8 @@ int TcpPduPam::readInto(Brio::Ptr<Pkt> const& pkt, U16 length, TcpPduPamReadRetu
     }
     if (readAheadBytes() != 0) {
       U32 const take = std::min<U32>(length, readAheadBytes());
-      std::memcpy(sharedTail(pkt.ptr(), length), aheadPkt_->sharedBuffer()->data() + aheadOffset_, take);
-      aheadOffset_ += take;
+      std::memcpy(sharedTail(pkt.ptr(), length), aheadPkt_->sharedBuffer()->data(), take);
+      aheadPkt_->delSharedHeadData(take);
       n = static_cast<int>(take);
       if (!readAhead_ && readAheadBytes() == 0) aheadPkt_ = nullptr;
     }
@@ -302,6 +300,30 @@ TcpPduPamReadReturn TcpPduPam::readFromSocket() {
   return rxRemainingLength_ ? TcpPduPamReadResult::readMoreData_ : TcpPduPamReadResult::fullPduRead_;
 }
 
+TcpPduPamReadReturn TcpPduPam::cutBufferedPdu() {
+  U32 const header = getPduSize();
+  U32 const buffered = readAheadBytes();
+  if (header == 0 || buffered < header) return TcpPduPamReadResult::readMoreData_;
+  // The derived class reads the length from the buffered bytes themselves,
+  // shown to it as the PDU read so far.
+  rxPktHolderShadow_ = aheadPkt_;
+  U32 const length = getPduSize();
+  rxPktHolderShadow_ = nullptr;
+  if (length > maxPduLength_) return {TcpPduPamReadResult::error_, "PDU length too big"};
+  if (length < header) return {TcpPduPamReadResult::error_, "PDU length too small"};
+  if (length > buffered) return TcpPduPamReadResult::readMoreData_;
+  // A buffer of the PDU's own size: a small PDU costs a small allocation.
+  Brio::Ptr<Pkt> pkt(new Pkt);
+  pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(length));
+  pkt->newSharedHeadData(length);
+  std::memcpy(pkt->sharedBuffer()->data(), aheadPkt_->sharedBuffer()->data(), length);
+  aheadPkt_->delSharedHeadData(length);
+  rxPktHolderShadow_ = pkt;
+  rxRemainingLength_ = 0;
+  PDU_TRACE(levelDetail, "PDU size: " << length << " Remaining: 0");
+  return TcpPduPamReadResult::fullPduRead_;
+}
+
 void TcpPduPam::readNextPdu() {
   if (!enabled_ || !readModeEnabled() || readable_ || rxFailed_) return;
   // Write-only is coming (it waits for a send to finish): no new PDU.
@@ -311,10 +333,18 @@ void TcpPduPam::readNextPdu() {
     return;
   }
   TcpPduPamReadReturn r;
-  do {
+  // Read-ahead: a PDU already whole in the buffer is cut out in one step;
+  // anything else goes the step-by-step way below.
+  if (readAhead_ && !rxPduInProgress() && readAheadBytes() != 0) {
+    rxPktHolderShadow_ = nullptr;
+    r = cutBufferedPdu();
+  } else {
+    r = TcpPduPamReadResult::readMoreData_;
+  }
+  while (r.result == TcpPduPamReadResult::readMoreData_) {
     r = readFromSocket();
     PDU_TRACE(levelDetail, "result=" << r.result << " reason=" << r.reason.view());
-  } while (r.result == TcpPduPamReadResult::readMoreData_);
+  }
   switch (r.result) {
     case TcpPduPamReadResult::fullPduRead_:
       if (levelTriggered()) rxNotifyIs(false);
@@ -340,7 +370,6 @@ void TcpPduPam::handleReadError(Brio::String const& reason) {
   rxRemainingLength_ = 0;
   socketReadable_ = false;
   aheadPkt_ = nullptr;
-  aheadOffset_ = 0;
   readableIs(false);
   rxErrorsInc(1);
   notify(&Notifiee::handleRxErrorReason);

@@ -291,6 +291,8 @@ class TcpPduPam : public TcpPduPamBase {
   friend Brio::Ptr<TcpPduPam> tcpPduPamFactory(Brio::Ptr<TcpFileDescriptor const> const&,
                                                Brio::Ptr<TcpFileDescriptorEventRegistrationFactory> const&);
   void saveShadowPktCopy(iovec const* rest, U16 restCount);
+  // Read-ahead: the next PDU when it lies whole in the buffer.
+  TcpPduPamReadReturn cutBufferedPdu();
   TcpPduPamWriteReturn sendRemaining(iovec* iov, U16 count);
 
   Brio::Ptr<TcpFileDescriptor const> fileDescriptor_;
@@ -327,7 +329,6 @@ class TcpPduPam : public TcpPduPamBase {
   std::array<iovec, Pkt::maxIovecs_> txIov_{};
   bool readAhead_ = false;
   Brio::Ptr<Pkt> aheadPkt_;
-  U32 aheadOffset_ = 0;
 };
 
 Brio::Ptr<TcpPduPam> tcpPduPamFactory(Brio::Ptr<TcpFileDescriptor const> const& fd,
