@@ -178,10 +178,10 @@ void TcpPduPam::rxResume() {
 
 void TcpPduPam::readAheadIs(bool v) {
   if (v == readAhead_) return;
-  // Switching off with bytes buffered would lose them: they are cut into
-  // PDUs first, and the switch takes effect once the buffer is empty.
-  readAhead_ = v || readAheadBytes() != 0;
-  if (!readAhead_) aheadPkt_ = nullptr;
+  // Bytes already buffered when it is switched off are still cut into PDUs
+  // first; plain reads start once the buffer is empty.
+  readAhead_ = v;
+  if (!readAhead_ && readAheadBytes() == 0) aheadPkt_ = nullptr;
 }
 
 U32 TcpPduPam::readAheadBytes() const {
@@ -224,7 +224,8 @@ TcpPduPamReadReturn TcpPduPam::handleReadPktError(int errorNumber, int ret) {
 int TcpPduPam::readInto(Brio::Ptr<Pkt> const& pkt, U16 length, TcpPduPamReadReturn* failure) {
   pkt->newSharedTailData(length);
   int n = 0;
-  if (!readAhead_) {
+  if (!readAhead_ && readAheadBytes() == 0) {
+    aheadPkt_ = nullptr;
     n = readPkt(pkt, length);
     if (n > 0 && n < length) socketReadable_ = false;  // a short read drained the socket
   } else {
@@ -287,7 +288,11 @@ TcpPduPamReadReturn TcpPduPam::readFromSocket() {
   if (n == 0) return {TcpPduPamReadResult::error_, "Connection closed by peer"};
   PDU_TRACE(levelDetail, "Read " << n << " bytes");
   rxRemainingLength_ = static_cast<U16>(rxRemainingLength_ - n);
-  if (rxRemainingLength_ != 0) return TcpPduPamReadResult::waitForMoreData_;
+  // Bytes missing: wait for the next readable event, unless the socket may
+  // still hold some (the read came from the read-ahead buffer's rest).
+  if (rxRemainingLength_ != 0) {
+    return socketReadable_ ? TcpPduPamReadResult::readMoreData_ : TcpPduPamReadResult::waitForMoreData_;
+  }
 
   U32 const length = getPduSize();
   U32 const read = pkt->sharedBuffer()->dataBytes();
@@ -335,7 +340,7 @@ void TcpPduPam::readNextPdu() {
   TcpPduPamReadReturn r;
   // Read-ahead: a PDU already whole in the buffer is cut out in one step;
   // anything else goes the step-by-step way below.
-  if (readAhead_ && !rxPduInProgress() && readAheadBytes() != 0) {
+  if (!rxPduInProgress() && readAheadBytes() != 0) {
     rxPktHolderShadow_ = nullptr;
     r = cutBufferedPdu();
   } else {

@@ -149,6 +149,31 @@ TEST_F(TcpPduPamTest, FramingInEveryReadMode) {
   }
 }
 
+// More than one read-ahead buffer in one go, PDUs straddling its end, on an
+// edge-triggered descriptor: no event comes for bytes already waiting.
+TEST_F(TcpPduPamTest, ReadAheadCarriesPdusAcrossBufferFills) {
+  for (bool edge : {true, false}) {
+    Pair pair;
+    int big = 1 << 20;
+    setsockopt(pair.ours, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
+    auto pam = endpoint(pair.ours, edge);
+    pam->readAheadIs(true);
+    Owner owner(pam);
+    std::string burst;
+    std::vector<std::string> want;
+    for (int i = 0; i < 150; ++i) {
+      want.push_back(pdu(1000 + i, static_cast<char>('a' + i % 26)));
+      burst += want.back();
+    }
+    pair.send(burst);
+    usleep(20000);
+    pam->enabledIs(true);
+    am_.runUntil([&] { return owner.got.size() == want.size(); }, 3);
+    EXPECT_EQ(owner.got.size(), want.size()) << (edge ? "edge" : "level");
+    EXPECT_TRUE(owner.got == want) << (edge ? "edge" : "level");
+  }
+}
+
 TEST_F(TcpPduPamTest, ReadStepResultsOneByOne) {
   Pair pair;
   auto pam = endpoint(pair.ours, false);
