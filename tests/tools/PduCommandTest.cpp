@@ -56,6 +56,33 @@ TEST_F(PduCommand, RefusedSendReportsReasonsRetriesAndTimeout) {
   EXPECT_TRUE(has(r.err, "corvid pdu send: no connection: Connect (Connection refused)")) << r.err;
 }
 
+// The README's walk-through: an MD5-authenticated session between two named
+// namespaces joined by a veth pair.
+TEST_F(PduCommand, AuthenticatedSessionBetweenTwoNamespaces) {
+  CorvidTest::NamedNetns cli("pducli"), srv("pdusrv");
+  ASSERT_TRUE(cli.ok() && srv.ok());
+  ASSERT_EQ(CorvidTest::sh("ip link add vcli netns " + cli.name() + " type veth peer name vsrv netns " + srv.name()),
+            0);
+  ASSERT_EQ(cli.ip("addr add 10.1.0.1/24 dev vcli") | cli.ip("link set vcli up"), 0);
+  ASSERT_EQ(srv.ip("addr add 10.1.0.2/24 dev vsrv") | srv.ip("link set vsrv up"), 0);
+  CorvidTest::ToolProcess server({"pdu", "serve", "--ns", srv.name(), "--listen", "10.1.0.2:1790", "--md5",
+                                  "10.1.0.0/24=secret", "--count", "2", "--seconds", "20"});
+  usleep(300000);
+  CorvidTest::ToolResult wrong = CorvidTest::ToolProcess({"pdu", "send", "--ns", cli.name(), "--to", "10.1.0.2:1790",
+                                                          "--md5", "10.1.0.2=guess", "--timeout", "2"})
+                                     .finish(20);
+  EXPECT_EQ(wrong.status, 1) << wrong.out;
+  EXPECT_FALSE(has(wrong.out, "connected")) << wrong.out;
+  CorvidTest::ToolResult right = CorvidTest::ToolProcess({"pdu", "send", "--ns", cli.name(), "--to", "10.1.0.2:1790",
+                                                          "--md5", "10.1.0.2=secret", "--count", "2"})
+                                     .finish(20);
+  CorvidTest::ToolResult served = server.finish(20);
+  EXPECT_EQ(right.status, 0) << right.out << right.err;
+  EXPECT_TRUE(has(right.out, "done sent=2 echoed=2")) << right.out;
+  EXPECT_TRUE(has(served.out, "md5Keys=1")) << served.out;
+  EXPECT_EQ(lineCount(served.out, "accepted from=10.1.0.1:"), 1) << served.out;
+}
+
 TEST_F(PduCommand, BadCommandLinesExitTwo) {
   for (auto const& args : std::vector<std::vector<std::string>>{
            {"pdu"},
