@@ -16,7 +16,7 @@ int domainOf(AddressFamily af) { return af == AddressFamily::ipv6 ? AF_INET6 : A
 }  // namespace
 
 TcpFileDescriptor::TcpFileDescriptor(int descriptor, bool edgeTriggered)
-    : Entity("TcpFileDescriptor"), descriptor_(descriptor), edgeTriggered_(edgeTriggered) {}
+    : Entity("TcpFd"), descriptor_(descriptor), edgeTriggered_(edgeTriggered) {}
 
 void TcpFileDescriptor::handleDel() {
   if (descriptor_ >= 0) ::close(descriptor_);
