@@ -31,15 +31,7 @@ std::string nsPath(char const* name) { return std::string(NS_RUN_DIR) + "/" + na
 
 bool isDefaultNs(char const* ns) { return ns == nullptr || *ns == '\0' || std::strcmp(ns, DEFAULT_NS) == 0; }
 
-// Traces `what` (a text ending in its separator, "Cannot remove PATH: ")
-// followed by the errno text, and raises the errno exception, whose own
-// message adds ": " and the errno text to the call's name.
-[[noreturn]] void fail(std::string what) {
-  int const e = errno;
-  GLIMMER_TRACE(tr, 1, what << std::strerror(e));
-  while (!what.empty() && (what.back() == ' ' || what.back() == ':')) what.pop_back();
-  throw Brio::ErrnoException(what, e);
-}
+[[noreturn]] void fail(std::string what) { failWithErrno(std::move(what), errno); }
 
 // Creates the entry file for a namespace: O_EXCL so that two creators of one
 // name cannot both believe they made it; mode 0 because nothing ever reads

@@ -1,15 +1,27 @@
 #include <Corvid/NsUtils.h>
 #include <Fennel/Fennel.h>
+#include <Glimmer/Glimmer.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace Corvid {
 
+namespace {
+Glimmer::Facility& tr = Glimmer::facility("Corvid");
+}
+
 void throwErrnoException(char const* what) { throw Brio::ErrnoException(what, errno); }
+
+void failWithErrno(std::string what, int errorNumber) {
+  GLIMMER_TRACE(tr, 1, what << std::strerror(errorNumber));
+  while (!what.empty() && (what.back() == ' ' || what.back() == ':')) what.pop_back();
+  throw Brio::ErrnoException(what, errorNumber);
+}
 
 char const* ownNetNsPath() {
   // Keep the conventional name where it is exact (single-threaded agents,

@@ -11,10 +11,17 @@
 
 #include <Brio/Exception.h>
 
+#include <string>
+
 namespace Corvid {
 
 // Raises Brio::ErrnoException carrying `what` and the current errno.
 [[noreturn]] void throwErrnoException(char const* what);
+// Traces `what` (a step's text, often ending in its own separator, as in
+// "Cannot remove PATH: ") with the errno text appended, then raises the errno
+// exception named by `what` without that trailing separator (the exception's
+// message adds ": " and the errno text itself).
+[[noreturn]] void failWithErrno(std::string what, int errorNumber);
 
 // The /proc file of the calling thread's network namespace. "/proc/self"
 // names the thread-group leader's, which differs from the caller's once a

@@ -7,18 +7,37 @@ int sendCommand(Args const& args, std::ostream& out, std::ostream& err);
 int demoCommand(Args const& args, std::ostream& out, std::ostream& err);
 int valueCommand(Args const& args, std::ostream& out, std::ostream& err);
 int packetCommand(Args const& args, std::ostream& out, std::ostream& err);
+int watchCommand(Args const& args, std::ostream& out, std::ostream& err);
+int netnsCommand(Args const& args, std::ostream& out, std::ostream& err);
 int pduCommand(Args const& args, std::ostream& out, std::ostream& err);
+void valueHelp(std::ostream& out);
+void packetHelp(std::ostream& out);
+void captureHelp(std::ostream& out);
+void sendHelp(std::ostream& out);
+
+bool jsonFlagTake(Args& args) {
+  auto const n = std::erase(args, "--json");
+  return n != 0;
+}
 
 std::vector<Command> const& commands() {
   static std::vector<Command> const table = {
       {"demo", "demo", "a short tour of the library: values, packets, endpoints", demoCommand},
-      {"value", "value TYPE TEXT...",
-       "parse each TEXT as a TYPE and print its canonical text, strep, predicates and hash", valueCommand},
-      {"packet", "packet HEX...", "decode an Ethernet frame given as hex: headers, checksums and sanity checks", packetCommand},
-      {"capture", "capture --intf NAME [--count N] [--seconds S]",
-       "receive IPv4 frames on an interface through the Ethernet-device endpoint and decode each", captureCommand},
+      {"value", "value [--json] TYPE TEXT...",
+       "parse each TEXT as a TYPE and print its canonical text, strep, predicates and hash", valueCommand,
+       valueHelp},
+      {"packet", "packet [--json] HEX...", "decode an Ethernet frame given as hex: headers, checksums and sanity checks",
+       packetCommand, packetHelp},
+      {"capture", "capture [--json] --intf NAME [--count N] [--seconds S]",
+       "receive IPv4 frames on an interface through the Ethernet-device endpoint and decode each", captureCommand,
+       captureHelp},
       {"send", "send (--intf NAME | --to IPV4 [--protocol P] [--device D]) HEX...",
-       "send a frame on an interface, or an IPv4 payload through a raw IP socket", sendCommand},
+       "send a frame on an interface, or an IPv4 payload through a raw IP socket", sendCommand, sendHelp},
+      {"watch", "watch [--ns NAME] [--links] [--addrs] [--neigh] [--seconds S] [--json]",
+       "dump a namespace's links, addresses and neighbours, then print every change until Ctrl-C or --seconds",
+       watchCommand},
+      {"netns", "netns (list [--json] | add NAME | del NAME)",
+       "list, create or delete named network namespaces (the ones `ip netns` uses)", netnsCommand},
       {"pdu", "pdu (serve --listen ADDR:PORT | send --to ADDR:PORT [--count N] [--size B]) [--ns NAME] [--md5 PEER/LEN=KEY] [--json]",
        "echo PDUs over TCP (serve), or send PDUs and check their echo (send), with optional MD5 keys", pduCommand},
   };

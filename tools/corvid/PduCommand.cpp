@@ -19,6 +19,8 @@
 #include <sstream>
 
 #include "Command.h"
+#include "JsonLine.h"
+#include "Options.h"
 
 namespace CorvidTool {
 
@@ -26,42 +28,26 @@ namespace {
 
 using namespace Corvid;
 
-struct PduOptions {
-  std::map<std::string, std::string> values;
-  std::vector<std::string> md5;
-  bool json = false;
+// Takes every "--md5 ENTRY" pair out of args (the option may repeat).
+std::vector<std::string> md5Take(Args& args) {
+  std::vector<std::string> entries;
+  for (std::size_t i = 0; i < args.size();) {
+    if (args[i] != "--md5") {
+      ++i;
+      continue;
+    }
+    if (i + 1 >= args.size()) throw UsageError("option '--md5' needs a value");
+    entries.push_back(args[i + 1]);
+    args.erase(args.begin() + static_cast<std::ptrdiff_t>(i), args.begin() + static_cast<std::ptrdiff_t>(i) + 2);
+  }
+  return entries;
+}
 
-  PduOptions(Args const& args, std::size_t first, std::vector<std::string> const& known) {
-    for (std::size_t i = first; i < args.size(); ++i) {
-      std::string const& a = args[i];
-      if (a == "--json") {
-        json = true;
-        continue;
-      }
-      bool ok = false;
-      for (auto const& k : known) ok = ok || a == k;
-      if (!ok) throw UsageError("unknown option '" + a + "'");
-      if (i + 1 >= args.size()) throw UsageError("option '" + a + "' needs a value");
-      if (a == "--md5") {
-        md5.push_back(args[++i]);
-      } else {
-        values[a] = args[++i];
-      }
-    }
-  }
-  bool has(std::string const& k) const { return values.count(k) != 0; }
-  std::string get(std::string const& k) const { return has(k) ? values.at(k) : ""; }
-  unsigned long number(std::string const& k, unsigned long fallback, unsigned long max) const {
-    if (!has(k)) return fallback;
-    std::string const& v = values.at(k);
-    char* end = nullptr;
-    unsigned long n = std::strtoul(v.c_str(), &end, 10);
-    if (v.empty() || *end || n > max) {
-      throw UsageError("option '" + k + "' takes a number up to " + std::to_string(max) + ", not '" + v + "'");
-    }
-    return n;
-  }
-};
+unsigned long bounded(Options const& o, std::string const& k, unsigned long fallback, unsigned long max) {
+  unsigned long const n = o.number(k, fallback);
+  if (n > max) throw UsageError("option '" + k + "' takes a number up to " + std::to_string(max));
+  return n;
+}
 
 // "10.0.0.1:179", "[fd00::1]:179" or "fd00::1:179" (the last colon splits).
 std::pair<IpGenAddr, Port> addressAndPort(std::string const& option, std::string const& text) {
@@ -98,40 +84,20 @@ void md5Keys(TcpConfigBase* config, std::vector<std::string> const& entries) {
   if (!entries.empty()) config->optionsIs(TcpSocketOptions(config->options().value() | TcpSocketOptions::md5AuthBit));
 }
 
-std::string jsonQuoted(std::string const& s) {
-  std::string out = "\"";
-  for (char c : s) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      char buf[8];
-      std::snprintf(buf, sizeof buf, "\\u%04x", c);
-      out += buf;
-    } else {
-      out += c;
-    }
-  }
-  return out + "\"";
-}
-
-// One event: "event key=value ..." as text, or a JSON object.
+// One event: "event key=value ..." as text, or a JSON object per line.
 class Printer {
  public:
   Printer(std::ostream& out, bool json) : out_(out), json_(json) {}
-  using Fields = std::vector<std::pair<std::string, std::string>>;  // value already JSON when numeric
-  void event(std::string const& name, Fields const& fields, std::vector<std::string> const& numeric = {}) {
+  using Fields = std::vector<std::pair<std::string, nlohmann::json>>;
+  void event(std::string const& name, Fields const& fields) {
     if (json_) {
-      out_ << "{\"event\": " << jsonQuoted(name);
-      for (auto const& [k, v] : fields) {
-        bool num = false;
-        for (auto const& n : numeric) num = num || n == k;
-        out_ << ", " << jsonQuoted(k) << ": " << (num ? v : jsonQuoted(v));
-      }
-      out_ << "}\n";
+      nlohmann::json object;
+      object["event"] = name;
+      for (auto const& [k, v] : fields) object[k] = v;
+      out_ << jsonLine(object) << "\n";
     } else {
       out_ << name;
-      for (auto const& [k, v] : fields) out_ << " " << k << "=" << v;
+      for (auto const& [k, v] : fields) out_ << " " << k << "=" << (v.is_string() ? v.get<std::string>() : v.dump());
       out_ << "\n";
     }
     out_.flush();
@@ -164,7 +130,7 @@ class Connection : public TcpPduPam::Notifiee {
     while (auto pkt = pam_->rxPkt()) {
       received.push_back(pkt->stringValue().str());
       if (echo_) {
-        printer_.event("echoed", {{"bytes", std::to_string(pkt->bytes())}, {"from", conn_.toStrep().str()}}, {"bytes"});
+        printer_.event("echoed", {{"bytes", pkt->bytes()}, {"from", conn_.toStrep().str()}});
         send(pkt);
       }
     }
@@ -246,7 +212,7 @@ class ClientReactor : public TcpClientStatus::Notifiee {
     using Status = TcpClientStatus::ConnectionStatus;
     switch (s->connectionStatus()) {
       case Status::connecting_:
-        printer_.event("connecting", {{"attempt", std::to_string(s->connectionAttemptCount())}}, {"attempt"});
+        printer_.event("connecting", {{"attempt", s->connectionAttemptCount()}});
         break;
       case Status::connected_:
         printer_.event("connected", {{"connection", s->connSocket().toStrep().str()}});
@@ -265,10 +231,9 @@ class ClientReactor : public TcpClientStatus::Notifiee {
     if (!pendingFailure_) return;
     pendingFailure_ = false;
     TcpClientStatus* s = notifier();
-    printer_.event("failed",
-                   {{"reason", s->reason().str()}, {"retryInterval", std::to_string(s->retryTimerInterval())},
-                    {"errors", std::to_string(s->connectionErrorCount())}},
-                   {"retryInterval", "errors"});
+    printer_.event("failed", {{"reason", s->reason().str()},
+                              {"retryInterval", s->retryTimerInterval()},
+                              {"errors", s->connectionErrorCount()}});
   }
 
  private:
@@ -282,16 +247,16 @@ std::string pattern(std::size_t size, unsigned long seq) {
   return s;
 }
 
-int serve(PduOptions const& o, std::ostream& out, std::ostream& err) {
+int serve(Options const& o, std::vector<std::string> const& md5, bool json, std::ostream& out, std::ostream& err) {
   if (!o.has("--listen")) throw UsageError("missing --listen ADDR:PORT");
   auto [addr, port] = addressAndPort("--listen", o.get("--listen"));
-  unsigned long const count = o.number("--count", 0, 1u << 30);
-  unsigned long const seconds = o.number("--seconds", 0, 1u << 30);
-  Printer printer(out, o.json);
+  unsigned long const count = o.number("--count", 0);
+  F64 const seconds = o.seconds("--seconds", 0);
+  Printer printer(out, json);
   Brio::ActivityManager loop;
   auto config = tcpServerConfigFactory(addr, port);
   if (o.has("--ns")) config->networkNamespaceIs(NamespaceName(Brio::String(o.get("--ns"))));
-  md5Keys(config.ptr(), o.md5);
+  md5Keys(config.ptr(), md5);
   auto status = tcpServerStatusFactory();
   ServerReactor reactor(status, printer);
   auto server = tcpServerSmFactory(tcpFileDescriptorEventRegistrationFactoryBrioc(),
@@ -300,10 +265,10 @@ int serve(PduOptions const& o, std::ostream& out, std::ostream& err) {
     err << "corvid pdu serve: " << status->reason().view() << "\n";
     return 1;
   }
-  printer.event("listening", {{"addr", o.get("--listen")}, {"ns", config->networkNamespace().value().str()},
-                              {"md5Keys", std::to_string(config->md5Auths())}},
-                {"md5Keys"});
-  F64 const deadline = seconds ? Brio::monotonicNow() + static_cast<F64>(seconds) : Brio::never;
+  printer.event("listening", {{"addr", o.get("--listen")},
+                              {"ns", config->networkNamespace().value().str()},
+                              {"md5Keys", config->md5Auths()}});
+  F64 const deadline = seconds > 0 ? Brio::monotonicNow() + seconds : Brio::never;
   while (Brio::monotonicNow() < deadline) {
     loop.runOnce(0.2);
     reactor.sweep();
@@ -313,20 +278,20 @@ int serve(PduOptions const& o, std::ostream& out, std::ostream& err) {
   return 0;
 }
 
-int send(PduOptions const& o, std::ostream& out, std::ostream& err) {
+int send(Options const& o, std::vector<std::string> const& md5, bool json, std::ostream& out, std::ostream& err) {
   if (!o.has("--to")) throw UsageError("missing --to ADDR:PORT");
   auto [addr, port] = addressAndPort("--to", o.get("--to"));
-  unsigned long const count = o.number("--count", 1, 1u << 30);
-  unsigned long const size = o.number("--size", 200, TcpPduPam::maxPduLengthDefault);
+  unsigned long const count = o.number("--count", 1);
+  unsigned long const size = bounded(o, "--size", 200, TcpPduPam::maxPduLengthDefault);
   if (size < SimpleTcpPduPam::headerLength) throw UsageError("--size is at least 20 (the header)");
-  Printer printer(out, o.json);
+  Printer printer(out, json);
   Brio::ActivityManager loop;
   auto config = tcpClientConfigFactory(addr, port);
   if (o.has("--ns")) config->networkNamespaceIs(NamespaceName(Brio::String(o.get("--ns"))));
-  config->retryIntervalIs(static_cast<U32>(o.number("--retry", 1, 3600)));
-  config->exponentialBackoffRetriesIs(static_cast<U32>(o.number("--backoff", 0, 31)));
-  config->timeoutIs(static_cast<F64>(o.number("--timeout", 10, 1u << 20)));
-  md5Keys(config.ptr(), o.md5);
+  config->retryIntervalIs(static_cast<U32>(bounded(o, "--retry", 1, 3600)));
+  config->exponentialBackoffRetriesIs(static_cast<U32>(bounded(o, "--backoff", 0, 31)));
+  config->timeoutIs(o.seconds("--timeout", 10));
+  md5Keys(config.ptr(), md5);
   auto status = tcpClientStatusFactory();
   ClientReactor reactor(status, printer);
   auto client = tcpClientSmFactory(tcpFileDescriptorEventRegistrationFactoryBrioc(),
@@ -353,26 +318,29 @@ int send(PduOptions const& o, std::ostream& out, std::ostream& err) {
     if (conn.received.size() <= i) break;
     bool const match = conn.received[i] == bytes;
     ok += match;
-    printer.event("echo", {{"pdu", std::to_string(i + 1)}, {"bytes", std::to_string(conn.received[i].size())},
-                           {"match", match ? "true" : "false"}},
-                  {"pdu", "bytes", "match"});
+    printer.event("echo", {{"pdu", i + 1}, {"bytes", conn.received[i].size()}, {"match", match}});
   }
   if (conn.closed) printer.event("closed", {{"reason", conn.reason}});
-  printer.event("done", {{"sent", std::to_string(count)}, {"echoed", std::to_string(ok)}}, {"sent", "echoed"});
+  printer.event("done", {{"sent", count}, {"echoed", ok}});
   client->cleanup();
   return ok == count ? 0 : 1;
 }
 
 }  // namespace
 
-int pduCommand(Args const& args, std::ostream& out, std::ostream& err) {
+int pduCommand(Args const& argsIn, std::ostream& out, std::ostream& err) {
+  Args args = argsIn;
+  bool const json = jsonFlagTake(args);
   if (args.empty()) throw UsageError("missing 'serve' or 'send'");
-  if (args[0] == "serve") return serve(PduOptions(args, 1, {"--listen", "--ns", "--md5", "--count", "--seconds"}), out, err);
-  if (args[0] == "send") {
-    return send(PduOptions(args, 1, {"--to", "--ns", "--md5", "--count", "--size", "--retry", "--backoff", "--timeout"}),
-                out, err);
-  }
-  throw UsageError("unknown pdu command '" + args[0] + "' (serve or send)");
+  std::string const what = args[0];
+  args.erase(args.begin());
+  std::vector<std::string> const md5 = md5Take(args);
+  if (what != "serve" && what != "send") throw UsageError("unknown pdu command '" + what + "' (serve or send)");
+  Options const o = what == "serve"
+                        ? Options(args, {"--listen", "--ns", "--count", "--seconds"})
+                        : Options(args, {"--to", "--ns", "--count", "--size", "--retry", "--backoff", "--timeout"});
+  if (!o.rest.empty()) throw UsageError("unexpected argument '" + o.rest[0] + "'");
+  return what == "serve" ? serve(o, md5, json, out, err) : send(o, md5, json, out, err);
 }
 
 }  // namespace CorvidTool
