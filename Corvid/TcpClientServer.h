@@ -325,8 +325,12 @@ class TcpClientStatus : public Brio::Entity {
 };
 
 inline constexpr char const* connectionStatusNames[] = {"idle", "failed", "connecting", "connected", "timedout"};
+inline constexpr TcpClientStatus::ConnectionStatus connectionStatusValues[] = {
+    TcpClientStatus::ConnectionStatus::idle_, TcpClientStatus::ConnectionStatus::failed_,
+    TcpClientStatus::ConnectionStatus::connecting_, TcpClientStatus::ConnectionStatus::connected_,
+    TcpClientStatus::ConnectionStatus::timedout_};
 inline constexpr tcpDetail::EnumNames<TcpClientStatus::ConnectionStatus, 5> connectionStatusText{
-    connectionStatusNames, "Invalid ConnectionStatus"};
+    connectionStatusNames, connectionStatusValues, "Invalid ConnectionStatus"};
 CORVID_TCP_ENUM_TEXT(TcpClientStatus::ConnectionStatus, connectionStatusText)
 
 Brio::Ptr<TcpClientStatus> tcpClientStatusFactory();
@@ -474,7 +478,10 @@ class TcpSmBase : public Brio::Entity {
 };
 
 inline constexpr char const* sdTypeNames[] = {"sdListening", "sdAccepted", "sdConnecting", "sdEstablished"};
-inline constexpr tcpDetail::EnumNames<TcpSmBase::SdType, 4> sdTypeText{sdTypeNames, "Invalid SdType"};
+inline constexpr TcpSmBase::SdType sdTypeValues[] = {TcpSmBase::SdType::sdListening_, TcpSmBase::SdType::sdAccepted_,
+                                                    TcpSmBase::SdType::sdConnecting_,
+                                                    TcpSmBase::SdType::sdEstablished_};
+inline constexpr tcpDetail::EnumNames<TcpSmBase::SdType, 4> sdTypeText{sdTypeNames, sdTypeValues, "Invalid SdType"};
 CORVID_TCP_ENUM_TEXT(TcpSmBase::SdType, sdTypeText)
 
 // Every reactor trace line carries this after the function name.

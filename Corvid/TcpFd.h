@@ -17,9 +17,9 @@
 #include <Brio/FileDescriptor.h>
 #include <Corvid/Ip.h>
 #include <Corvid/NamespaceName.h>
+#include <Corvid/ValueSupport.h>
 #include <sys/socket.h>
 
-#include <cctype>
 #include <ostream>
 #include <string_view>
 
@@ -27,26 +27,16 @@ namespace Corvid {
 
 namespace tcpDetail {
 // Text forms of the TCP enumerations: the member name without its trailing
-// underscore ("connecting" for connecting_), values numbered from 0.
+// underscore ("connecting" for connecting_), values numbered from 0 and
+// listed in `values` in the same order as their names.
 template <class E, std::size_t N>
 struct EnumNames {
   char const* const (&names)[N];
+  E const (&values)[N];
   char const* message;
   char const* text(E e) const {
     auto i = static_cast<std::size_t>(e);
     return i < N ? names[i] : "unknown";
-  }
-  E read(Brio::StringIter& pos, Brio::StringIter const& end) const {
-    Brio::StringIter wordEnd = pos;
-    while (wordEnd != end && (std::isalnum(static_cast<unsigned char>(*wordEnd)) || *wordEnd == '_')) ++wordEnd;
-    std::string_view const word(pos, wordEnd);
-    for (std::size_t i = 0; i < N; ++i) {
-      if (word == names[i]) {
-        pos = wordEnd;
-        return static_cast<E>(i);
-      }
-    }
-    Brio::throwRangeException(message);
   }
 };
 }  // namespace tcpDetail
@@ -57,7 +47,7 @@ struct EnumNames {
   inline char const* toString(Type e) { return (namesObject).text(e); }                           \
   inline ::Brio::String valueToStrep(Type e) { return (namesObject).text(e); }                    \
   inline Type sequenceToValue(::Brio::StringIter& pos, ::Brio::StringIter const& end, Type*) {    \
-    return (namesObject).read(pos, end);                                                           \
+    return readEnumWord(pos, end, (namesObject).values, (namesObject).message);                    \
   }                                                                                                \
   inline std::ostream& operator<<(std::ostream& os, Type e) { return os << (namesObject).text(e); }
 

@@ -49,8 +49,11 @@ enum class TcpPduPamEnableMode : U8 {
 };
 inline constexpr char const* tcpPduPamEnableModeNames[] = {"tcpEnableModeNone", "tcpEnableModeReadWrite",
                                                            "tcpEnableModeReadOnly", "tcpEnableModeWriteOnly"};
+inline constexpr TcpPduPamEnableMode tcpPduPamEnableModeValues[] = {
+    TcpPduPamEnableMode::tcpEnableModeNone_, TcpPduPamEnableMode::tcpEnableModeReadWrite_,
+    TcpPduPamEnableMode::tcpEnableModeReadOnly_, TcpPduPamEnableMode::tcpEnableModeWriteOnly_};
 inline constexpr tcpDetail::EnumNames<TcpPduPamEnableMode, 4> tcpPduPamEnableModeText{
-    tcpPduPamEnableModeNames, "Invalid TcpPduPamEnableMode"};
+    tcpPduPamEnableModeNames, tcpPduPamEnableModeValues, "Invalid TcpPduPamEnableMode"};
 CORVID_TCP_ENUM_TEXT(TcpPduPamEnableMode, tcpPduPamEnableModeText)
 
 class TcpKeepaliveOptions {
@@ -78,8 +81,11 @@ BRIO_RECORD_TEXT_FORMS(TcpKeepaliveOptions, tcpKeepaliveOptionsRecord)
 
 enum class TcpPduPamReadResult : U8 { fullPduRead_ = 0, readMoreData_ = 1, waitForMoreData_ = 2, error_ = 3 };
 inline constexpr char const* tcpPduPamReadResultNames[] = {"fullPduRead", "readMoreData", "waitForMoreData", "error"};
-inline constexpr tcpDetail::EnumNames<TcpPduPamReadResult, 4> tcpPduPamReadResultText{tcpPduPamReadResultNames,
-                                                                                      "Invalid TcpPduPamReadResult"};
+inline constexpr TcpPduPamReadResult tcpPduPamReadResultValues[] = {
+    TcpPduPamReadResult::fullPduRead_, TcpPduPamReadResult::readMoreData_, TcpPduPamReadResult::waitForMoreData_,
+    TcpPduPamReadResult::error_};
+inline constexpr tcpDetail::EnumNames<TcpPduPamReadResult, 4> tcpPduPamReadResultText{
+    tcpPduPamReadResultNames, tcpPduPamReadResultValues, "Invalid TcpPduPamReadResult"};
 CORVID_TCP_ENUM_TEXT(TcpPduPamReadResult, tcpPduPamReadResultText)
 
 enum class TcpPduPamWriteResult : U8 {
@@ -91,8 +97,11 @@ enum class TcpPduPamWriteResult : U8 {
 };
 inline constexpr char const* tcpPduPamWriteResultNames[] = {"fullWrite", "partialWrite", "waitForWriteSpace",
                                                             "writeMoreData", "error"};
+inline constexpr TcpPduPamWriteResult tcpPduPamWriteResultValues[] = {
+    TcpPduPamWriteResult::fullWrite_, TcpPduPamWriteResult::partialWrite_, TcpPduPamWriteResult::waitForWriteSpace_,
+    TcpPduPamWriteResult::writeMoreData_, TcpPduPamWriteResult::error_};
 inline constexpr tcpDetail::EnumNames<TcpPduPamWriteResult, 5> tcpPduPamWriteResultText{
-    tcpPduPamWriteResultNames, "Invalid TcpPduPamWriteResult"};
+    tcpPduPamWriteResultNames, tcpPduPamWriteResultValues, "Invalid TcpPduPamWriteResult"};
 CORVID_TCP_ENUM_TEXT(TcpPduPamWriteResult, tcpPduPamWriteResultText)
 
 template <class R>
