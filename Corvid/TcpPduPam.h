@@ -27,8 +27,11 @@
 //
 // Read-ahead (readAhead, off by default): one recv fills a 64 KiB buffer and
 // PDUs are cut from it, so small PDUs cost one copy instead of two system
-// calls each. The buffer is filled through readPkt(), so a subclass that
-// replaces the socket hooks (an encrypting one) works in both modes.
+// calls each; a PDU lying whole in the buffer is cut out in one step into a
+// buffer of its own size. Measured on 200-byte PDUs (bench/TcpPduBench, CPU
+// time): about 60 ns a PDU against about 440 ns with exact reads. The buffer
+// is filled through readPkt(), so a subclass that replaces the socket hooks
+// (an encrypting one) works in both modes.
 #pragma once
 
 #include <Brio/Record.h>
