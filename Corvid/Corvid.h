@@ -38,3 +38,7 @@
 #include <Corvid/NetlinkDecode.h>
 #include <Corvid/RtnlMirror.h>
 #include <Corvid/KernelNetNsInfo.h>
+#include <Corvid/TcpFd.h>
+#include <Corvid/TcpClientServer.h>
+#include <Corvid/TcpPduPam.h>
+#include <Corvid/SimpleTcpPduPam.h>
