@@ -52,6 +52,10 @@ int main() {
   Brio::Ptr<KernelNetNsInfo::Root> root = KernelNetNsInfo::rootFactory("outside");
   out << " " << Corvid::DEFAULT_NS << " " << !stay.ok() << nl.fd << " " << Corvid::RequestDumpState::rdsEnd << " "
       << (Corvid::decodeRtnl(&none).kind == Corvid::RtnlMessage::Kind::other) << !mirror << root->netNss();
+  // TCP and the PDU endpoint.
+  Brio::Ptr<Corvid::TcpFileDescriptor> tcpFd;
+  Brio::Ptr<Corvid::SimpleTcpPduPam> pduPam;
+  out << " " << Corvid::TcpSocketOptions(3) << !tcpFd << !pduPam;
   std::cout << "outside program ok " << out.str() << "\n";
   return 0;
 }
