@@ -7,6 +7,8 @@ int sendCommand(Args const& args, std::ostream& out, std::ostream& err);
 int demoCommand(Args const& args, std::ostream& out, std::ostream& err);
 int valueCommand(Args const& args, std::ostream& out, std::ostream& err);
 int packetCommand(Args const& args, std::ostream& out, std::ostream& err);
+int tablesCommand(Args const& args, std::ostream& out, std::ostream& err);
+int vrfCommand(Args const& args, std::ostream& out, std::ostream& err);
 
 std::vector<Command> const& commands() {
   static std::vector<Command> const table = {
@@ -18,6 +20,10 @@ std::vector<Command> const& commands() {
        "receive IPv4 frames on an interface through the Ethernet-device endpoint and decode each", captureCommand},
       {"send", "send (--intf NAME | --to IPV4 [--protocol P] [--device D]) HEX...",
        "send a frame on an interface, or an IPv4 payload through a raw IP socket", sendCommand},
+      {"vrf", "vrf (add NAME | del NAME | list) [--json] [--table PATH]",
+       "name or release a VRF in the shared VRF id map, or list the map", vrfCommand},
+      {"tables", "tables (dump PATH | watch PATH [--seconds S]) [--json]",
+       "print a shared table under SHOAL_ROOT, or follow it and print every change", tablesCommand},
   };
   return table;
 }
