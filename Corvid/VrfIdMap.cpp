@@ -276,6 +276,12 @@ void ReverseMapper::handleVrfIdToName(VrfId const& vrfId) {
   if (entry) {
     Brio::String const vrfName = entry.vrfName();
     GLIMMER_TRACE(tr(), traceLevel, "ReverseMapper::" << __func__ << " add vrfId: " << vrfId << " vrfName: " << vrfName);
+    Brio::String const old = vrfIdToNameCache(vrfId);
+    if (nameToIdMap_ && !old.empty() && old != vrfName && nameToIdMap_->vrfNameToId(old) == vrfId) {
+      // The id now carries another name: its old name goes with it, or the
+      // old name would point at an id cached under a different name.
+      nameToIdMap_->vrfNameToIdDel(old);
+    }
     if (nameToIdMap_) {
       VrfId const vrfId2 = nameToIdMap_->vrfNameToId(vrfName);
       FENNEL_ASSERT(vrfId2 == VrfId() || vrfIdToNameCache( vrfId2 ) == vrfName);
