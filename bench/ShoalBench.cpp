@@ -162,8 +162,11 @@ class AllRuns : public benchmark::ConsoleReporter {
     ConsoleReporter::ReportRuns(runs);
     for (auto const& r : runs) {
       if (r.run_type == Run::RT_Iteration && !r.error_occurred) {
-        real[r.run_name.str()].push_back(r.GetAdjustedRealTime());
-        cpu[r.run_name.str()].push_back(r.GetAdjustedCPUTime());
+        std::string name = r.run_name.str();
+        auto rep = name.find("/repeats:");
+        if (rep != std::string::npos) name.erase(rep);
+        real[name].push_back(r.GetAdjustedRealTime());
+        cpu[name].push_back(r.GetAdjustedCPUTime());
       }
     }
   }

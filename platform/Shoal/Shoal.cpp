@@ -265,6 +265,7 @@ class Table::Impl {
   bool clockArmed_ = false;
   // writer
   int sendFd_ = -1;
+  U32 wakeRounds_ = 0;
   struct WakeTarget {
     U64 token = 0;
     sockaddr_un addr{};
@@ -505,15 +506,31 @@ void Table::Impl::recover() {
   wakeReaders(base_);
 }
 
+// One datagram per reader that asked for one since its last pass: a reader
+// still busy with earlier commits finds this one's changes when it re-checks
+// commitHead after re-arming, so it needs no second wake-up. The seq_cst
+// exchange pairs with the reader's seq_cst store and re-check (the
+// store-load order both sides need).
 void Table::Impl::wakeReaders(void* base) {
   auto* regs = reinterpret_cast<Layout::Registration*>(static_cast<char*>(base) + Layout::headerBytes);
-  U32 woken = 0;
+  U32 awake = 0;
   char const byte = 1;
+  bool const sweep = (++wakeRounds_ & 255) == 0;
+  std::atomic_thread_fence(std::memory_order_seq_cst);
   for (U32 i = 0; i < Layout::maxRegistrations; ++i) {
     U32 pid = regs[i].pid.load(std::memory_order_acquire);
     if (!pid) continue;
     U64 token = regs[i].token.load(std::memory_order_acquire);
     if (!token) continue;
+    if (regs[i].wantWake.exchange(0, std::memory_order_seq_cst) == 0) {
+      // Busy, or dead inside a pass: look now and then which.
+      if (sweep && !processAlive(pid)) {
+        if (reclaimRegistration(regs[i], pid, token, rootDir_)) ++t_->reclaimedCount_;
+        continue;
+      }
+      ++awake;
+      continue;
+    }
     auto& target = targets_[i];
     if (target.token != token) {
       target.token = token;
@@ -523,7 +540,7 @@ void Table::Impl::wakeReaders(void* base) {
     ssize_t n = ::sendto(sendFd_, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL,
                          reinterpret_cast<sockaddr const*>(&target.addr), sizeof target.addr);
     if (n >= 0 || errno == EAGAIN) {
-      ++woken;  // a full queue already holds a wake-up
+      ++awake;  // a full queue already holds a wake-up
       continue;
     }
     if (errno == ECONNREFUSED || errno == ENOENT) {
@@ -531,7 +548,7 @@ void Table::Impl::wakeReaders(void* base) {
       if (reclaimRegistration(regs[i], pid, token, rootDir_)) ++t_->reclaimedCount_;
     }
   }
-  t_->readersWoken_ = woken;
+  t_->readersWoken_ = awake;
 }
 
 void Table::Impl::commit() {
@@ -615,6 +632,7 @@ bool Table::Impl::registerReader(std::string* why) {
   for (U32 i = 0; i < Layout::maxRegistrations; ++i) {
     U32 expected = 0;
     if (regs[i].pid.compare_exchange_strong(expected, me)) {
+      regs[i].wantWake.store(1, std::memory_order_relaxed);
       regs[i].token.store(token, std::memory_order_release);
       regIndex_ = i;
       token_ = token;
@@ -842,7 +860,12 @@ void Table::Impl::pass() {
   } else {
     busyPasses_ = 0;
   }
-  t_->quiescedIs(busySlots_.empty() && lv->commitHead.load(std::memory_order_acquire) == readPos_);
+  // Ask for the next wake-up, then look once more: a commit published
+  // before the request was seen by the writer sends nothing.
+  registrations()[regIndex_].wantWake.store(1, std::memory_order_seq_cst);
+  bool const behind = lv->commitHead.load(std::memory_order_seq_cst) != readPos_;
+  if (behind) armClockAt(0);
+  t_->quiescedIs(busySlots_.empty() && !behind);
 }
 
 void Table::Impl::unmount() {

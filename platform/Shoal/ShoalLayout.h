@@ -10,7 +10,7 @@
 //            | live header (one cache line each)           |  commitHead, logWritten,
 //            |                                             |  rescanEpoch, writerPid, ...
 //   4096     +--------------------------------------------+
-//            | reader registrations [maxRegistrations]     |  pid, wake token
+//            | reader registrations [maxRegistrations]     |  pid, wantWake, token
 //            +--------------------------------------------+
 //            | change log: U32 slot index [logEntries]     |  a ring, position % logEntries
 //            +--------------------------------------------+
@@ -95,8 +95,8 @@ struct LiveHeader {
 static_assert(sizeof(LiveHeader) <= headerBytes - fixedBytes);
 
 struct Registration {
-  std::atomic<U32> pid;    // 0: free; claimed by compare-and-swap
-  U32 reserved;
+  std::atomic<U32> pid;       // 0: free; claimed by compare-and-swap
+  std::atomic<U32> wantWake;  // 1: the reader waits for a datagram; the writer takes it to 0 and sends
   std::atomic<U64> token;  // names the reader's wake socket; 0 until it is bound
   U8 pad[48];
 };

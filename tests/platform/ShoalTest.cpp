@@ -555,6 +555,8 @@ TEST_F(ShoalTest, KilledReadersAreReclaimedAndCostTheWriterNothing) {
   w->count.set(1, "v1-a");
   w->commit();
   EXPECT_EQ(w->readersWoken(), 5u);
+  // Each has read the commit and waits for the next wake-up when killed.
+  for (auto& r : readers) ASSERT_EQ(syncState(*r), "count 1 v1-a\nbad 0\n");
   for (int i : {0, 2, 4}) readers[i]->kill();
   w->count.set(1, "v1-b");
   w->commit();
