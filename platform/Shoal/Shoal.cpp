@@ -144,14 +144,6 @@ CollectionBase::CollectionBase(Table* table, char const* name, U32 keyMax, U32 v
   table->collections_.push_back(this);
 }
 
-bool CollectionBase::writerMounted() const {
-  return table_->mountMode_ == MountMode::writer && table_->mountStatus_ == MountStatus::mounted;
-}
-
-bool CollectionBase::readerMounted() const {
-  return table_->mountMode_ == MountMode::reader && table_->mountStatus_ != MountStatus::unmounted;
-}
-
 void CollectionBase::checkSizes(Brio::NboAttrLog const& key, Brio::NboAttrLog const& value) const {
   if (key.bytes() > keyMax_ || key.bytes() == 0 || value.bytes() > valueMax_) {
     throw Brio::SizeException("Shoal: " + name_.str() + " entry of " + std::to_string(key.bytes()) + "+" +
@@ -468,6 +460,9 @@ void Table::Impl::recover() {
     col->mountedCapacity_ = d.capacity;
     col->staged_.clear();
     col->stagedFlag_.assign(d.capacity, 0);
+    col->stageBytes_.assign(std::size_t(d.capacity) * (d.keyMax + d.valueMax), 0);
+    col->stageKeyLen_.assign(d.capacity, 0);
+    col->stageValueLen_.assign(d.capacity, 0);
     col->recoverBegin();
     std::vector<U8> key(d.keyMax), value(d.valueMax ? d.valueMax : 1);
     for (U32 s = 0; s < d.capacity; ++s) {
@@ -569,14 +564,10 @@ void Table::Impl::commit() {
     auto const& d = fixed_.desc[c->index_];
     for (U32 s : c->staged_) {
       if (logged) lg[p++ & mask].store(d.firstIndex + s, std::memory_order_relaxed);
-      c->keyLog_.clear();
-      c->valueLog_.clear();
       void* slot = slotAddress(c->index_, s);
-      if (c->encodeSlot(s, c->keyLog_, c->valueLog_) && c->keyLog_.bytes() <= d.keyMax &&
-          c->valueLog_.bytes() <= d.valueMax) {
-        Layout::writeSlot(slot, d.keyMax, reinterpret_cast<U8 const*>(c->keyLog_.rawData()),
-                          static_cast<U16>(c->keyLog_.bytes()), reinterpret_cast<U8 const*>(c->valueLog_.rawData()),
-                          static_cast<U16>(c->valueLog_.bytes()));
+      U8 const* bytes = c->stageBytes_.data() + std::size_t(s) * (d.keyMax + d.valueMax);
+      if (c->stageKeyLen_[s]) {
+        Layout::writeSlot(slot, d.keyMax, bytes, c->stageKeyLen_[s], bytes + d.keyMax, c->stageValueLen_[s]);
       } else {
         Layout::writeSlot(slot, d.keyMax, nullptr, 0, nullptr, 0);
       }
@@ -879,6 +870,9 @@ void Table::Impl::unmount() {
     c->staged_.clear();
     c->freeSlots_.clear();
     c->mountedCapacity_ = 0;
+    c->stageBytes_ = {};
+    c->stageKeyLen_ = {};
+    c->stageValueLen_ = {};
   }
 }
 

@@ -44,6 +44,7 @@
 #include <Fennel/Fennel.h>
 #include <Shoal/ShoalLayout.h>
 
+#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
@@ -123,8 +124,6 @@ class CollectionBase {
 
  protected:
   friend class Table;
-  // Writer: the staged content of a slot; false when the slot is to be empty.
-  virtual bool encodeSlot(U32 slot, Brio::NboAttrLog& key, Brio::NboAttrLog& value) = 0;
   // Writer mount: start from the file's entries; recoverSlot adds one (false
   // with `why` when it does not decode or repeats a key); recoverEnd merges
   // in what the entity held before mounting, stages it and notifies.
@@ -140,8 +139,23 @@ class CollectionBase {
   virtual void clearDelivered() = 0;
 
   void stage(U32 slot);
-  bool writerMounted() const;
-  bool readerMounted() const;
+  // Writer: keeps the encoded entry (keyLog_, valueLog_) or emptiness for
+  // the next commit, so a commit copies bytes and encodes nothing.
+  void stageEntry(U32 slot) {
+    std::size_t at = std::size_t(slot) * (keyMax_ + valueMax_);
+    std::memcpy(stageBytes_.data() + at, keyLog_.rawData(), keyLog_.bytes());
+    if (valueLog_.bytes()) std::memcpy(stageBytes_.data() + at + keyMax_, valueLog_.rawData(), valueLog_.bytes());
+    stageKeyLen_[slot] = static_cast<U16>(keyLog_.bytes());
+    stageValueLen_[slot] = static_cast<U16>(valueLog_.bytes());
+    stage(slot);
+  }
+  void stageEmpty(U32 slot) {
+    stageKeyLen_[slot] = 0;
+    stageValueLen_[slot] = 0;
+    stage(slot);
+  }
+  inline bool writerMounted() const;
+  inline bool readerMounted() const;
   void checkSizes(Brio::NboAttrLog const& key, Brio::NboAttrLog const& value) const;
   void insertRefused();
   void corrupt(U32 slot, std::string const& what) const;
@@ -158,6 +172,9 @@ class CollectionBase {
   std::vector<U32> staged_;
   std::vector<U8> stagedFlag_;
   std::vector<U32> freeSlots_;
+  std::vector<U8> stageBytes_;
+  std::vector<U16> stageKeyLen_;
+  std::vector<U16> stageValueLen_;
   U32 mountedCapacity_ = 0;
   Brio::NboAttrLog keyLog_;
   Brio::NboAttrLog valueLog_;
@@ -217,7 +234,7 @@ class Collection final : public CollectionBase {
       }
     }
     it->second.value = value;
-    if (it->second.slot != noSlot) stage(it->second.slot);
+    if (it->second.slot != noSlot) stageEntry(it->second.slot);
     announce(key);
     return true;
   }
@@ -229,7 +246,7 @@ class Collection final : public CollectionBase {
     U32 slot = it->second.slot;
     if (slot != noSlot) {
       owner_[slot] = nullptr;
-      stage(slot);
+      stageEmpty(slot);
       releaseSlot(slot);
     }
     K gone = key;
@@ -268,15 +285,6 @@ class Collection final : public CollectionBase {
   };
   using Map = std::unordered_map<K, Item>;
   using Node = typename Map::value_type;
-
-  bool encodeSlot(U32 slot, Brio::NboAttrLog& key, Brio::NboAttrLog& value) override {
-    Node const* n = slot < owner_.size() ? owner_[slot] : nullptr;
-    if (!n) return false;
-    using Brio::attrLogWrite;
-    attrLogWrite(key, n->first);
-    attrLogWrite(value, n->second.value);
-    return true;
-  }
 
   // Decodes a slot; false (with why) when it does not decode exactly.
   bool decode(SlotBytes const& s, K* key, V* value, std::string* why) {
@@ -527,6 +535,14 @@ class Segment : public Brio::PtrInterface {
 };
 
 // ---------------------------------------------------------------------------
+
+bool CollectionBase::writerMounted() const {
+  return table_->mountMode() == MountMode::writer && table_->mountStatus() == MountStatus::mounted;
+}
+
+bool CollectionBase::readerMounted() const {
+  return table_->mountMode() == MountMode::reader && table_->mountStatus() != MountStatus::unmounted;
+}
 
 template <class K, class V, class N, void (N::*Handler)(K const&)>
 void Collection<K, V, N, Handler>::announce(K const& key) const {
