@@ -268,6 +268,14 @@ TEST_F(VrfIdMapTest, ReverseMapperKeepsTheNewIdOfARecreatedName) {
   EXPECT_FALSE(names->vrfNameToIdHas("red"));
 }
 
+TEST_F(VrfIdMapTest, ReverseMapperRefusesANameMapElsewhereWithoutItsCachedId) {
+  auto names = NameToIdMap::nameToIdMapFactory("names");
+  names->vrfNameToIdIs("red", VrfId(9));  // filled by somebody else, not from the table
+  auto mapper = ReverseMapper::reverseMapperFactory(status, names);
+  EXPECT_DEATH(status->vrfIdToNameIs(VrfEntry(VrfId(4), "red")),
+               "vrfId2 == VrfId\\(\\) \\|\\| vrfIdToNameCache\\( vrfId2 \\) == vrfName");
+}
+
 TEST_F(VrfIdMapTest, ReverseMapperInitializationDropsNamesNoLongerInTheTable) {
   auto names = NameToIdMap::nameToIdMapFactory("names");
   names->vrfNameToIdIs("stale", VrfId(9));

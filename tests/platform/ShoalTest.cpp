@@ -108,6 +108,21 @@ std::string describe(Pets const& t) {
   return os.str();
 }
 
+// Values written by the tests: "v<key>-<n>", or "v<key>-<n>-<check>" where
+// a torn copy of two writes could not keep the check right.
+std::string checkedValue(U32 key, int n) {
+  return "v" + std::to_string(key) + "-" + std::to_string(n) + "-" + std::to_string((key * 31 + U32(n) * 7) % 9973);
+}
+
+bool wellFormed(U32 key, std::string const& v) {
+  std::string want = "v" + std::to_string(key) + "-";
+  if (v.compare(0, want.size(), want) != 0) return false;
+  auto dash = v.find('-', want.size());
+  if (dash == std::string::npos) return true;
+  int n = std::atoi(v.c_str() + want.size());
+  return v == checkedValue(key, n);
+}
+
 // A reader process: follows `path`, and on "sync" answers with everything
 // its notifications delivered, then "end". Values of `count` must always be
 // "v<key>-<n>" with a matching key: anything else is a torn or mixed read.
@@ -120,9 +135,7 @@ int readerProcess(std::string const& path, int in, int out) {
     Checker(Brio::Ptr<Pets> const& t, int* bad) : Notifiee(t), bad_(bad) {}
     void handleCount(U32 const& k) override {
       if (!notifier()->count.contains(k)) return;
-      std::string v = notifier()->count.get(k).str();
-      std::string want = "v" + std::to_string(k) + "-";
-      if (v.compare(0, want.size(), want) != 0) ++*bad_;
+      if (!wellFormed(k, notifier()->count.get(k).str())) ++*bad_;
     }
     int* bad_;
   } checker(t, &bad);
@@ -576,7 +589,7 @@ TEST_F(ShoalTest, KilledReadersAreReclaimedAndCostTheWriterNothing) {
 }
 
 // A writer process that commits batches: batch b sets the eight keys of
-// group b % 500 to "v<key>-<b>" and reports "b" after its commit.
+// group b % 500 to checkedValue(key, b) and reports "b" after its commit.
 constexpr int groups = 500;
 
 int writerProcess(int in, int out, int firstBatch, int lastBatch) {
@@ -589,7 +602,7 @@ int writerProcess(int in, int out, int firstBatch, int lastBatch) {
   CorvidTest::writeLine(out, "count " + std::to_string(w->count.size()));
   for (int b = firstBatch; b <= lastBatch; ++b) {
     U32 g = b % groups;
-    for (U32 k = 8 * g; k < 8 * g + 8; ++k) w->count.set(k, "v" + std::to_string(k) + "-" + std::to_string(b));
+    for (U32 k = 8 * g; k < 8 * g + 8; ++k) w->count.set(k, checkedValue(k, b));
     w->commit();
     CorvidTest::writeLine(out, std::to_string(b));
   }
@@ -635,7 +648,7 @@ TEST_F(ShoalTest, WriterKilledAtRandomPointsRestartsWithEveryCommittedEntry) {
   for (U32 k = 0; k < 8 * groups; ++k) {
     int g = static_cast<int>(k / 8);
     int b = end - ((end - g) % groups + groups) % groups;
-    want << "count " << k << " v" << k << "-" << b << "\n";
+    want << "count " << k << " " << checkedValue(k, b) << "\n";
   }
   // count lines sort numerically in the reader's map, as here.
   want << "bad 0\n";
