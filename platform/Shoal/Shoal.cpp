@@ -644,7 +644,10 @@ void Table::Impl::unregisterReader() {
   if (base_) {
     auto& r = registrations()[regIndex_];
     U64 tok = token_;
-    if (r.token.compare_exchange_strong(tok, 0)) r.pid.store(0, std::memory_order_release);
+    U32 me = static_cast<U32>(::getpid());
+    // With our token gone (taken back, or scribbled over) the entry is ours
+    // only while it still carries our pid.
+    if (r.token.compare_exchange_strong(tok, 0) || tok != 0) r.pid.compare_exchange_strong(me, 0);
   }
   ::unlink(wakePath(rootDir_, token_).c_str());
   regIndex_ = ~0U;
