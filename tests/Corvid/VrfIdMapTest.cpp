@@ -165,7 +165,9 @@ TEST_F(VrfIdMapTest, IdsRiseAndAreNotReusedAfterRelease) {
     }
     VrfId held = writer->nameToIdMap()->vrfNameToId(s.name);
     EXPECT_EQ(held.valid() ? held.value() : ~0U, s.id) << s.op << " " << s.name;
-    if (s.id != ~0U) EXPECT_EQ(status->vrfIdToName(VrfId(s.id)).vrfName(), String(s.name));
+    if (s.id != ~0U) {
+      EXPECT_EQ(status->vrfIdToName(VrfId(s.id)).vrfName(), String(s.name));
+    }
   }
   EXPECT_FALSE(status->vrfIdToName(VrfId(1)));
   EXPECT_TRUE(capture.contains(" allocated vrfId 3"));

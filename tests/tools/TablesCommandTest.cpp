@@ -68,7 +68,7 @@ TEST_F(TablesCommand, DumpPrintsEveryEntryAsJsonLines) {
 
 TEST_F(TablesCommand, WatchPrintsMountStatusEntriesAndQuiescence) {
   // Started before the table exists: it waits, then catches up.
-  ToolProcess watch({"tables", "watch", "vrfIdMap/status", "--seconds", "1.5", "--json"});
+  ToolProcess watch({"tables", "watch", "vrfIdMap/status", "--seconds", "4", "--json"});
   usleep(200000);
   ASSERT_EQ(runCorvid({"vrf", "add", "red"}).status, 0);
   usleep(200000);
