@@ -282,6 +282,7 @@ class Collection final : public CollectionBase {
   struct Item {
     V value{};
     U32 slot = noSlot;
+    U64 seenPass = 0;  // reader: the pass that last found it in a slot
   };
   using Map = std::unordered_map<K, Item>;
   using Node = typename Map::value_type;
@@ -356,9 +357,19 @@ class Collection final : public CollectionBase {
     for (auto const& k : gone) announce(k);
   }
 
+  struct Found {
+    K key;
+    V value;
+    U32 slot;
+  };
+
   Map items_;
   Map before_;
   std::vector<Node*> owner_;  // by slot, while mounted
+  // Reader scratch, kept between passes.
+  U64 pass_ = 0;
+  std::vector<Node*> previous_;
+  std::vector<Found> found_;
 };
 
 // The base of every table entity. A table is made by its type's factory,
@@ -559,68 +570,67 @@ std::vector<std::pair<Brio::String, Brio::String>> Collection<K, V, N, Handler>:
 
 // The reader's diff: every key whose slot was read, and every key now read,
 // is compared with what was delivered; changed keys are notified after all
-// state is updated, so a handler sees the pass's final contents.
+// state is updated, so a handler sees the pass's final contents. Items are
+// stamped with the pass that found them, so no per-pass set is built.
 template <class K, class V, class N, void (N::*Handler)(K const&)>
 void Collection<K, V, N, Handler>::apply(std::vector<SlotBytes> const& reads, std::vector<U8> const& busy,
                                          bool rescan) {
   if (owner_.size() != mountedCapacity_) owner_.assign(mountedCapacity_, nullptr);
-  std::vector<K> touched;
-  if (rescan) {
-    touched.reserve(items_.size() + reads.size());
-    for (auto const& [k, item] : items_) touched.push_back(k);
-  }
-  struct Found {
-    V value;
-    U32 slot;
-  };
-  std::unordered_map<K, Found> found;
-  found.reserve(reads.size());
+  ++pass_;
+  previous_.clear();
+  found_.clear();
   for (auto const& r : reads) {
-    if (!rescan && owner_[r.slot]) touched.push_back(owner_[r.slot]->first);
+    if (!rescan && owner_[r.slot]) previous_.push_back(owner_[r.slot]);
     owner_[r.slot] = nullptr;
     if (r.keyLen == 0) continue;
-    K key{};
-    V value{};
+    Found f{K{}, V{}, r.slot};
     std::string why;
-    if (!decode(r, &key, &value, &why)) {
+    if (!decode(r, &f.key, &f.value, &why)) {
       corrupt(r.slot, why);
       continue;
     }
-    if (!found.try_emplace(key, Found{value, r.slot}).second) {
-      corrupt(r.slot, "key repeated in another slot");
-      continue;
-    }
-    touched.push_back(key);
+    found_.push_back(std::move(f));
   }
   std::vector<K> changed;
-  std::unordered_set<K> seen;
-  for (auto const& key : touched) {
-    if (!seen.insert(key).second) continue;
-    auto f = found.find(key);
-    if (f != found.end()) {
-      auto [it, added] = items_.try_emplace(key);
-      bool const differs = added || !(it->second.value == f->second.value);
-      U32 old = it->second.slot;
-      if (!added && old != noSlot && old != f->second.slot && old < owner_.size() && owner_[old] == &*it) {
-        owner_[old] = nullptr;
+  for (auto& f : found_) {
+    auto [it, added] = items_.try_emplace(f.key);
+    Item& item = it->second;
+    if (!added && item.seenPass == pass_) {
+      corrupt(f.slot, "key repeated in another slot");
+      continue;
+    }
+    item.seenPass = pass_;
+    bool const differs = added || !(item.value == f.value);
+    U32 const old = item.slot;
+    if (!added && old != noSlot && old != f.slot && old < owner_.size() && owner_[old] == &*it) {
+      owner_[old] = nullptr;
+    }
+    item.value = std::move(f.value);
+    item.slot = f.slot;
+    owner_[f.slot] = &*it;
+    if (differs) changed.push_back(it->first);
+  }
+  // An entry not found this pass stands while it is still bound to a slot
+  // nobody read (or one that was busy): only read slots were unbound above.
+  auto stands = [&](Node const* n) {
+    U32 s = n->second.slot;
+    return s != noSlot && s < owner_.size() && (owner_[s] == n || (s < busy.size() && busy[s]));
+  };
+  if (rescan) {
+    for (auto it = items_.begin(); it != items_.end();) {
+      if (it->second.seenPass == pass_ || stands(&*it)) {
+        ++it;
+        continue;
       }
-      it->second.value = f->second.value;
-      it->second.slot = f->second.slot;
-      owner_[f->second.slot] = &*it;
-      if (differs) changed.push_back(key);
-      continue;
+      changed.push_back(it->first);
+      it = items_.erase(it);
     }
-    auto it = items_.find(key);
-    if (it == items_.end()) continue;
-    U32 s = it->second.slot;
-    // Still bound to a slot nobody read this pass (or one that was busy):
-    // the entry stands.
-    if (s != noSlot && s < owner_.size() && (owner_[s] == &*it || (s < busy.size() && busy[s]))) {
-      owner_[s] = &*it;
-      continue;
+  } else {
+    for (Node* n : previous_) {
+      if (n->second.seenPass == pass_ || stands(n)) continue;
+      changed.push_back(n->first);
+      items_.erase(n->first);
     }
-    items_.erase(it);
-    changed.push_back(key);
   }
   for (auto const& key : changed) announce(key);
 }
