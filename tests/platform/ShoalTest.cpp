@@ -494,6 +494,46 @@ TEST_F(ShoalTest, RestartedWriterDropsTheSlotItWasWritingAndKeepsTheRest) {
   EXPECT_EQ(describe(*w), describe(*r));
 }
 
+TEST_F(ShoalTest, ReadersFollowAWriterThatMakesTheTableAgain) {
+  HookCapture hook;
+  auto r = Pets::petsFactory("r");
+  Follower f(r);
+  r->mount("again", MountMode::reader);
+  auto w = Pets::petsFactory("w", 64);
+  ASSERT_TRUE(w->mount("again", MountMode::writer));
+  w->count.set(1, "v1-a");
+  w->count.set(2, "v2-a");
+  w->commit();
+  ASSERT_TRUE(loop.runUntil([&] { return r->quiesced() && f.count.size() == 2; }, 5));
+  w->unmount();
+  // Another capacity: the file is made again and the old one retired.
+  auto w2 = Pets::petsFactory("w2", 32);
+  w2->count.set(2, "v2-b");
+  ASSERT_TRUE(w2->mount("again", MountMode::writer));
+  ASSERT_TRUE(loop.runUntil([&] { return r->mountStatus() == MountStatus::mounted && r->quiesced() &&
+                                         f.count.size() == 1 && f.count[2] == "v2-b"; }, 5))
+      << r->reason().view();
+  EXPECT_EQ(r->count.capacity(), 32u);
+  // A damaged header: readers drop everything and wait; the next writer
+  // makes the table again and they come back.
+  w2->unmount();
+  {
+    Mapped m(root.path() + "/again");
+    m.h()->logEntries = 3;
+  }
+  r->poll();
+  EXPECT_EQ(r->mountStatus(), MountStatus::mounting);
+  EXPECT_TRUE(f.count.empty());
+  auto w3 = Pets::petsFactory("w3", 32);
+  w3->count.set(3, "v3-c");
+  ASSERT_TRUE(w3->mount("again", MountMode::writer));
+  EXPECT_TRUE(hook.saw("table made again")) << (hook.reports.empty() ? "" : hook.reports.back());
+  ASSERT_TRUE(loop.runUntil([&] { return r->mountStatus() == MountStatus::mounted && r->quiesced() &&
+                                         f.count.size() == 1; }, 5))
+      << r->reason().view();
+  EXPECT_EQ(f.count[3], "v3-c");
+}
+
 TEST(ShoalLayout, HeaderChecksRejectEverySingleByteChange) {
   Shoal::Layout::FixedHeader h;
   std::vector<Shoal::Layout::CollectionShape> shapes = {{"a", 8, 16, 10}, {"b", 4, 4, 3}};
