@@ -626,6 +626,32 @@ TEST_F(ShoalTest, KilledReadersAreReclaimedAndCostTheWriterNothing) {
   std::size_t sockets = 0;
   for (auto const& e : std::filesystem::directory_iterator(root.path() + "/.wake")) sockets += e.is_socket();
   EXPECT_EQ(sockets, 2u);
+
+  // Now kill readers at random moments while the writer keeps committing:
+  // some die inside a pass, having asked for no wake-up. The writer never
+  // waits, and still takes every registration back.
+  std::mt19937 rng(5);
+  std::vector<std::unique_ptr<Child>> doomed;
+  for (int i = 0; i < 4; ++i) {
+    doomed.push_back(std::make_unique<Child>([](int in, int out) { return readerProcess("kill", in, out); }));
+    ASSERT_EQ(doomed.back()->line(10), "ready");
+  }
+  std::size_t next = 0;
+  for (int i = 0; i < 3000; ++i) {
+    for (U32 k = 0; k < 16; ++k) w->count.set(k, checkedValue(k, i));
+    w->commit();
+    if (next < doomed.size() && rng() % 400 == 0) doomed[next++]->kill();
+  }
+  for (; next < doomed.size(); ++next) doomed[next]->kill();
+  for (int i = 0; i < 600; ++i) {
+    w->count.set(1, checkedValue(1, i));
+    w->commit();
+  }
+  EXPECT_EQ(w->reclaimedCount(), 7u);
+  EXPECT_EQ(w->readersWoken(), 2u);
+  std::string last = syncState(*readers[1]);
+  EXPECT_NE(last.find("count 1 " + checkedValue(1, 599) + "\n"), std::string::npos) << last;
+  EXPECT_NE(last.find("bad 0\n"), std::string::npos) << last;
 }
 
 // A writer process that commits batches: batch b sets the eight keys of
