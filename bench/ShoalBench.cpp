@@ -106,6 +106,9 @@ void ShoalWrite(benchmark::State& state) {
     }
   }
   w->commit();
+  if (!readers.empty()) {
+    state.counters["wakeups_per_commit"] = double(w->wakeupsSent()) / double(w->commitCount() ? w->commitCount() : 1);
+  }
   for (pid_t p : readers) {
     kill(p, SIGKILL);
     waitpid(p, nullptr, 0);

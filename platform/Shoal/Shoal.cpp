@@ -536,6 +536,7 @@ void Table::Impl::wakeReaders(void* base) {
                          reinterpret_cast<sockaddr const*>(&target.addr), sizeof target.addr);
     if (n >= 0 || errno == EAGAIN) {
       ++awake;  // a full queue already holds a wake-up
+      t_->wakeupsSent_ += n >= 0;
       continue;
     }
     if (errno == ECONNREFUSED || errno == ENOENT) {

@@ -401,8 +401,11 @@ class Table : public Brio::Entity {
   U64 rescanCount() const { return rescanCount_; }
   // Writer: registrations of dead readers it reclaimed.
   U64 reclaimedCount() const { return reclaimedCount_; }
-  // Writer: readers woken by the last commit.
+  // Writer: live readers after the last commit (woken by it, or still busy
+  // with earlier ones).
   U32 readersWoken() const { return readersWoken_; }
+  // Writer: wake-up datagrams sent by this mount.
+  U64 wakeupsSent() const { return wakeupsSent_; }
 
   // Change-log entries of a table this writer creates (a power of two, at
   // least 16). Default: the total capacity rounded up, at least 1024.
@@ -457,6 +460,7 @@ class Table : public Brio::Entity {
   U64 rescanCount_ = 0;
   U64 reclaimedCount_ = 0;
   U32 readersWoken_ = 0;
+  U64 wakeupsSent_ = 0;
   U32 changeLogEntries_ = 0;
   std::unique_ptr<Impl> impl_;
 };
