@@ -9,8 +9,9 @@
 //
 //   writer   Is/Del stage changes; commit() (or the end of the loop's turn)
 //            writes them into the file's slots, appends their slot numbers to
-//            the change log and wakes every registered reader with one
-//            datagram. The writer never waits for a reader. One writer per
+//            the change log and wakes each idle reader with one datagram
+//            (a reader still busy re-checks the log before it sleeps). The
+//            writer never waits for a reader. One writer per
 //            table, enforced with a lock file; a killed writer's lock goes
 //            with it, and the next writer reattaches to the same file.
 //   reader   follows the file on its own activity loop: on each wake-up it
@@ -22,10 +23,10 @@
 //            log rescans every slot and notifies exactly the differing keys.
 //
 // Layout of the file: ShoalLayout.h and docs/shoal.md. Costs: a write is a
-// hash-map update plus one encode (size check); a commit is one encode and
-// one slot copy per staged key plus one sendto per registered reader; a
-// reader wake-up is one recv, a change-log read and one slot copy per
-// changed slot, with the notifications.
+// hash-map update, one encode (which checks the sizes) and a copy into the
+// writer's staging area; a commit is one slot copy per staged key plus one
+// sendto per idle reader; a reader wake-up is one recv, a change-log read
+// and one slot copy and decode per changed slot, with the notifications.
 //
 // Everything read from the file is outside input: a slot or header that does
 // not decode is reported through the process-wide corruption hook and reads
