@@ -13,6 +13,7 @@
 #include <Corvid/MplsLabelOperation.h>
 #include <Corvid/NamespaceName.h>
 #include <Corvid/VrfName.h>
+#include <Corvid/VrfIdMap.h>
 #include <Corvid/IntfId.h>
 #include <Corvid/Port.h>
 #include <routing/Vni.h>

@@ -16,3 +16,4 @@
 #include <Flagset/Flagset.h>
 #include <Glimmer/Glimmer.h>
 #include <Quay/TimerWheel.h>
+#include <Shoal/Shoal.h>

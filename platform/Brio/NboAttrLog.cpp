@@ -5,11 +5,13 @@
 namespace Brio {
 
 namespace {
+// One append per value: shared-table writers encode every update, and a
+// byte-at-a-time append cost them more than the rest of the update.
 template <class T>
 void putBigEndian(std::string& out, T v) {
-  for (int shift = (sizeof(T) - 1) * 8; shift >= 0; shift -= 8) {
-    out += static_cast<char>(static_cast<U8>(v >> shift));
-  }
+  char b[sizeof(T)];
+  for (std::size_t i = 0; i < sizeof(T); ++i) b[i] = static_cast<char>(static_cast<U8>(v >> ((sizeof(T) - 1 - i) * 8)));
+  out.append(b, sizeof b);
 }
 
 template <class T>

@@ -41,6 +41,19 @@ class NboAttrLog {
   Bytes readBytes();
   String readString();
 
+  // Empties the log for reuse; the buffer keeps its capacity, so a log
+  // reused per entry allocates only while it grows.
+  void clear() {
+    data_.clear();
+    readPos_ = 0;
+  }
+  // Replaces the contents with n bytes to read back (cursor at the start).
+  void dataIs(char const* p, std::size_t n) {
+    data_.assign(p, n);
+    readPos_ = 0;
+  }
+  char const* rawData() const { return data_.data(); }
+
   Bytes data() const { return Bytes(data_); }
   std::size_t bytes() const { return data_.size(); }
   std::size_t readPosition() const { return readPos_; }

@@ -19,6 +19,8 @@ bool jsonFlagTake(Args& args) {
   auto const n = std::erase(args, "--json");
   return n != 0;
 }
+int tablesCommand(Args const& args, std::ostream& out, std::ostream& err);
+int vrfCommand(Args const& args, std::ostream& out, std::ostream& err);
 
 std::vector<Command> const& commands() {
   static std::vector<Command> const table = {
@@ -40,6 +42,10 @@ std::vector<Command> const& commands() {
        "list, create or delete named network namespaces (the ones `ip netns` uses)", netnsCommand},
       {"pdu", "pdu (serve --listen ADDR:PORT | send --to ADDR:PORT [--count N] [--size B]) [--ns NAME] [--md5 PEER/LEN=KEY] [--json]",
        "echo PDUs over TCP (serve), or send PDUs and check their echo (send), with optional MD5 keys", pduCommand},
+      {"vrf", "vrf (add NAME | del NAME | list) [--json] [--table PATH]",
+       "name or release a VRF in the shared VRF id map, or list the map", vrfCommand},
+      {"tables", "tables (dump PATH | watch PATH [--seconds S]) [--json]",
+       "print a shared table under SHOAL_ROOT, or follow it and print every change", tablesCommand},
   };
   return table;
 }

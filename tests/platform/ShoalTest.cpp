@@ -1,0 +1,772 @@
+#include <Shoal/Shoal.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <fcntl.h>
+
+#include <atomic>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <set>
+#include <sstream>
+
+#include "support/ShoalScope.h"
+
+namespace {
+
+using Brio::String;
+using CorvidTest::Child;
+using CorvidTest::ShoalRoot;
+using Shoal::MountMode;
+using Shoal::MountStatus;
+
+// Two keyed collections in one table entity: what a declaration costs.
+class Pets : public Shoal::Table {
+ public:
+  class Notifiee : public Shoal::TableNotifiee<Pets> {
+   public:
+    virtual void handleCount(U32 const& key) {}
+    virtual void handleOwner(String const& key) {}
+
+   protected:
+    using Shoal::TableNotifiee<Pets>::TableNotifiee;
+  };
+  static Brio::Ptr<Pets> petsFactory(String name, U32 capacity = 64) {
+    return Brio::Ptr<Pets>(new Pets(std::move(name), capacity));
+  }
+  Shoal::Collection<U32, String, Notifiee, &Notifiee::handleCount> count;
+  Shoal::Collection<String, U32, Notifiee, &Notifiee::handleOwner> owner;
+
+ private:
+  Pets(String name, U32 capacity)
+      : Table(std::move(name), "Test::Pets"),
+        count(this, "count", 8, 64, capacity),
+        owner(this, "owner", 40, 8, capacity) {}
+};
+
+// Keeps its own copy of the table purely from notifications: a lost
+// notification makes it differ from the table.
+class Follower : public Pets::Notifiee {
+ public:
+  explicit Follower(Brio::Ptr<Pets> const& t) : Notifiee(t) {}
+  void handleCount(U32 const& k) override {
+    ++countCalls[k];
+    if (notifier()->count.contains(k)) {
+      count[k] = notifier()->count.get(k);
+    } else {
+      count.erase(k);
+    }
+  }
+  void handleOwner(String const& k) override {
+    ++ownerCalls[k];
+    if (notifier()->owner.contains(k)) {
+      owner[k] = notifier()->owner.get(k);
+    } else {
+      owner.erase(k);
+    }
+  }
+  void handleMountStatus() override { statuses.push_back(notifier()->mountStatus()); }
+  void handleQuiesced() override { ++quiescedChanges; }
+  std::map<U32, String> count;
+  std::map<String, U32> owner;
+  std::map<U32, int> countCalls;
+  std::map<String, int> ownerCalls;
+  std::vector<MountStatus> statuses;
+  int quiescedChanges = 0;
+};
+
+struct HookCapture {
+  HookCapture() {
+    Shoal::corruptionHookIs([this](String const& path, String const& what) {
+      reports.push_back(path.str() + ": " + what.str());
+    });
+  }
+  ~HookCapture() { Shoal::corruptionHookIs(nullptr); }
+  bool saw(std::string const& s) const {
+    for (auto const& r : reports) {
+      if (r.find(s) != std::string::npos) return true;
+    }
+    return false;
+  }
+  std::vector<std::string> reports;
+};
+
+std::string describe(Follower const& f) {
+  std::ostringstream os;
+  for (auto const& [k, v] : f.count) os << "count " << k << " " << v.view() << "\n";
+  for (auto const& [k, v] : f.owner) os << "owner " << k.view() << " " << v << "\n";
+  return os.str();
+}
+
+std::string describe(Pets const& t) {
+  std::ostringstream os;
+  for (auto const& [k, v] : t.count.snapshot()) os << "count " << k << " " << v.view() << "\n";
+  for (auto const& [k, v] : t.owner.snapshot()) os << "owner " << k.view() << " " << v << "\n";
+  return os.str();
+}
+
+// Values written by the tests: "v<key>-<n>", or "v<key>-<n>-<check>" where
+// a torn copy of two writes could not keep the check right.
+std::string checkedValue(U32 key, int n) {
+  return "v" + std::to_string(key) + "-" + std::to_string(n) + "-" + std::to_string((key * 31 + U32(n) * 7) % 9973);
+}
+
+bool wellFormed(U32 key, std::string const& v) {
+  std::string want = "v" + std::to_string(key) + "-";
+  if (v.compare(0, want.size(), want) != 0) return false;
+  auto dash = v.find('-', want.size());
+  if (dash == std::string::npos) return true;
+  int n = std::atoi(v.c_str() + want.size());
+  return v == checkedValue(key, n);
+}
+
+// A reader process: follows `path`, and on "sync" answers with everything
+// its notifications delivered, then "end". Values of `count` must always be
+// "v<key>-<n>" with a matching key: anything else is a torn or mixed read.
+int readerProcess(std::string const& path, int in, int out) {
+  Brio::ActivityManager loop;
+  auto t = Pets::petsFactory("reader");
+  Follower f(t);
+  int bad = 0;
+  struct Checker : Pets::Notifiee {
+    Checker(Brio::Ptr<Pets> const& t, int* bad) : Notifiee(t), bad_(bad) {}
+    void handleCount(U32 const& k) override {
+      if (!notifier()->count.contains(k)) return;
+      if (!wellFormed(k, notifier()->count.get(k).str())) ++*bad_;
+    }
+    int* bad_;
+  } checker(t, &bad);
+  t->mount(String(path), MountMode::reader);
+  CorvidTest::writeLine(out, "ready");
+  for (;;) {
+    loop.runOnce(0.002);
+    pollfd p{in, POLLIN, 0};
+    if (poll(&p, 1, 0) <= 0) continue;
+    std::string cmd = CorvidTest::readLine(in, 1);
+    if (cmd == "sync") {
+      t->poll();
+      loop.runUntil([&] { return t->mountStatus() == MountStatus::mounted && t->quiesced(); }, 5);
+      std::string all = describe(f);
+      all += "bad " + std::to_string(bad) + "\nrescans " + std::to_string(t->rescanCount()) + "\nend\n";
+      if (write(out, all.data(), all.size()) < 0) return 3;
+    } else if (cmd == "status") {
+      CorvidTest::writeLine(out, Shoal::mountStatusText(t->mountStatus()));
+    } else {
+      return 0;
+    }
+  }
+}
+
+std::string syncState(Child& c) {
+  if (!c.send("sync")) return "send failed";
+  std::string all;
+  for (;;) {
+    std::string l = c.line(10);
+    if (l == "end" || c.timedOut()) break;
+    if (l.rfind("rescans ", 0) == 0) continue;
+    all += l + "\n";
+  }
+  return all;
+}
+
+// First line where two dumps differ, for a readable failure.
+std::string firstDivergence(std::string const& want, std::string const& got) {
+  std::istringstream a(want), b(got);
+  std::string la, lb;
+  for (int line = 1;; ++line) {
+    bool ea = !std::getline(a, la), eb = !std::getline(b, lb);
+    if (ea && eb) return "";
+    if (ea || eb || la != lb) {
+      return "line " + std::to_string(line) + ": writer committed '" + (ea ? "<end>" : la) + "', reader has '" +
+             (eb ? "<end>" : lb) + "'";
+    }
+  }
+}
+
+class ShoalTest : public ::testing::Test {
+ protected:
+  ShoalRoot root;
+  Brio::ActivityManager loop;
+};
+
+// --- unmounted ------------------------------------------------------------------
+
+TEST_F(ShoalTest, UnmountedTableNotifiesOnlyRealChanges) {
+  auto t = Pets::petsFactory("local", 3);
+  Follower f(t);
+  struct Step {
+    char const* op;
+    U32 key;
+    char const* value;
+    bool result;
+    int calls;  // notifications of `key` so far
+  } const steps[] = {
+      {"set", 1, "a", true, 1},  {"set", 1, "a", true, 1},  // same value: no notification
+      {"set", 1, "b", true, 2},  {"set", 2, "x", true, 1},  {"set", 3, "y", true, 1},
+      {"set", 4, "z", false, 0},  // full: refused, nobody hears
+      {"del", 4, "", false, 0},  {"del", 2, "", true, 2},   {"set", 4, "z", true, 1},
+  };
+  for (auto const& s : steps) {
+    bool r = std::string(s.op) == "set" ? t->count.set(s.key, s.value) : t->count.del(s.key);
+    EXPECT_EQ(r, s.result) << s.op << " " << s.key;
+    EXPECT_EQ(f.countCalls[s.key], s.calls) << s.op << " " << s.key;
+  }
+  EXPECT_EQ(t->insertRefusedCount(), 1u);
+  EXPECT_EQ(describe(*t), describe(f));
+  EXPECT_EQ(t->count.get(2), String());
+  EXPECT_TRUE(t->quiesced());
+  EXPECT_EQ(t->mountStatus(), MountStatus::unmounted);
+}
+
+TEST_F(ShoalTest, OversizedEntryIsRefusedWithSizeError) {
+  auto t = Pets::petsFactory("local");
+  EXPECT_THROW(t->count.set(1, String(std::string(61, 'x'))), Brio::SizeException);  // 4 + 61 > 64
+  EXPECT_TRUE(t->count.set(1, String(std::string(60, 'x'))));
+  EXPECT_THROW(t->owner.set(String(std::string(37, 'k')), 1), Brio::SizeException);
+  EXPECT_EQ(t->count.size(), 1u);
+}
+
+// --- one process, writer and reader ---------------------------------------------
+
+TEST_F(ShoalTest, ReaderHearsCommittedChangesOnceCoalesced) {
+  auto w = Pets::petsFactory("w");
+  ASSERT_TRUE(w->mount("pets", MountMode::writer)) << w->reason().view();
+  auto r = Pets::petsFactory("r");
+  Follower f(r);
+  r->mount("pets", MountMode::reader);
+  ASSERT_EQ(r->mountStatus(), MountStatus::mounted) << r->reason().view();
+  EXPECT_EQ(f.statuses, (std::vector<MountStatus>{MountStatus::mounting, MountStatus::mounted}));
+
+  w->count.set(1, "v1-a");
+  EXPECT_FALSE(w->quiesced());
+  r->poll();
+  EXPECT_EQ(f.countCalls[1], 0) << "visible before commit";
+  w->count.set(1, "v1-b");
+  w->count.set(1, "v1-c");
+  w->count.set(2, "v2-a");
+  w->count.del(2);
+  w->owner.set("ann", 7);
+  w->commit();
+  EXPECT_TRUE(w->quiesced());
+  ASSERT_TRUE(loop.runUntil([&] { return r->quiesced() && f.countCalls[1] > 0; }, 5));
+  EXPECT_EQ(f.countCalls[1], 1);
+  EXPECT_EQ(f.count[1], "v1-c");
+  EXPECT_EQ(f.countCalls.count(2), 0u) << "added and removed between reads: no change to announce";
+  EXPECT_EQ(f.owner["ann"], 7u);
+  EXPECT_EQ(describe(*w), describe(f));
+}
+
+TEST_F(ShoalTest, WriterLoopCommitsWhatIsStagedAtTheEndOfItsTurn) {
+  auto w = Pets::petsFactory("w");
+  ASSERT_TRUE(w->mount("pets", MountMode::writer));
+  auto r = Pets::petsFactory("r");
+  Follower f(r);
+  r->mount("pets", MountMode::reader);
+  w->count.set(5, "v5-x");
+  ASSERT_TRUE(loop.runUntil([&] { return f.count.count(5) != 0; }, 5));
+  EXPECT_EQ(w->commitCount(), 1u);
+}
+
+TEST_F(ShoalTest, ReaderMountedBeforeTheWriterCatchesUp) {
+  auto r = Pets::petsFactory("r");
+  Follower f(r);
+  r->mount("later", MountMode::reader);
+  EXPECT_EQ(r->mountStatus(), MountStatus::mounting);
+  loop.runUntil([] { return false; }, 0.05);
+  EXPECT_EQ(r->mountStatus(), MountStatus::mounting);
+  auto w = Pets::petsFactory("w");
+  w->count.set(9, "v9-early");  // made unmounted, published at mount
+  ASSERT_TRUE(w->mount("later", MountMode::writer));
+  ASSERT_TRUE(loop.runUntil([&] { return r->mountStatus() == MountStatus::mounted && r->quiesced(); }, 5));
+  EXPECT_EQ(f.count[9], "v9-early");
+  EXPECT_EQ(f.statuses, (std::vector<MountStatus>{MountStatus::mounting, MountStatus::mounted}));
+}
+
+TEST_F(ShoalTest, SecondWriterIsRefusedWithTheHoldersPid) {
+  auto w = Pets::petsFactory("w");
+  ASSERT_TRUE(w->mount("one", MountMode::writer));
+  auto w2 = Pets::petsFactory("w2");
+  EXPECT_FALSE(w2->mount("one", MountMode::writer));
+  EXPECT_EQ(w2->mountStatus(), MountStatus::unmounted);
+  std::string want = "already has a writer (pid " + std::to_string(getpid()) + ")";
+  EXPECT_NE(w2->reason().str().find(want), std::string::npos) << w2->reason().view();
+  // From another process as well.
+  Child other([](int, int out) {
+    auto t = Pets::petsFactory("other");
+    bool ok = t->mount("one", MountMode::writer);
+    CorvidTest::writeLine(out, ok ? "mounted" : t->reason().str());
+    return 0;
+  });
+  std::string answer = other.line(5);
+  EXPECT_NE(answer.find(want), std::string::npos) << answer;
+  other.wait(5);  // a forked child shares the lock until it exits
+  // Once the first lets go, a new writer takes over.
+  w->unmount();
+  EXPECT_TRUE(w2->mount("one", MountMode::writer)) << w2->reason().view();
+}
+
+TEST_F(ShoalTest, ReaderThatFellBehindRescansAndNotifiesOnlyDifferences) {
+  auto w = Pets::petsFactory("w");
+  w->changeLogEntriesIs(16);
+  ASSERT_TRUE(w->mount("small", MountMode::writer));
+  for (U32 k = 0; k < 10; ++k) w->count.set(k, "v" + std::to_string(k) + "-0");
+  w->commit();
+  auto r = Pets::petsFactory("r");
+  Follower f(r);
+  r->mount("small", MountMode::reader);
+  ASSERT_TRUE(r->quiesced());
+  U64 rescans = r->rescanCount();
+  f.countCalls.clear();
+  // 40 commits the reader does not read: key 3 ends where it started, key 4
+  // changes, key 5 goes, key 20 comes.
+  for (int i = 0; i < 10; ++i) {
+    w->count.set(3, "v3-tmp");
+    w->commit();
+    w->count.set(3, "v3-0");
+    w->commit();
+    w->count.set(4, "v4-" + std::to_string(i));
+    w->commit();
+    w->count.set(6, "v6-" + std::to_string(i % 2 ? 0 : 9));
+    w->commit();
+  }
+  w->count.del(5);
+  w->count.set(20, "v20-0");
+  w->commit();
+  r->poll();
+  EXPECT_EQ(r->rescanCount(), rescans + 1);
+  EXPECT_TRUE(r->quiesced());
+  EXPECT_EQ((std::map<U32, int>(f.countCalls)), (std::map<U32, int>{{4, 1}, {5, 1}, {20, 1}}));
+  EXPECT_EQ(describe(*w), describe(*r));
+}
+
+TEST_F(ShoalTest, FullTableRefusesVisiblyAndReadersSeeTheCapacity) {
+  auto w = Pets::petsFactory("w", 4);
+  ASSERT_TRUE(w->mount("cap", MountMode::writer));
+  int accepted = 0;
+  for (U32 k = 0; k < 6; ++k) accepted += w->count.set(k, "v");
+  EXPECT_EQ(accepted, 4);
+  EXPECT_EQ(w->insertRefusedCount(), 2u);
+  w->commit();
+  auto r = Pets::petsFactory("r", 1000);  // a reader takes the file's capacity
+  r->mount("cap", MountMode::reader);
+  EXPECT_EQ(r->count.capacity(), 4u);
+  EXPECT_EQ(r->count.size(), 4u);
+}
+
+TEST_F(ShoalTest, TableOfAnotherShapeIsNotMountedByAReader) {
+  auto w = Pets::petsFactory("w");
+  ASSERT_TRUE(w->mount("shape", MountMode::writer));
+  struct Other : Shoal::Table {
+    struct Notifiee : Shoal::TableNotifiee<Other> {
+      virtual void handleX(U32 const&) {}
+    };
+    Other() : Table("other", "Test::Other") {}
+    Shoal::Collection<U32, U32, Notifiee, &Notifiee::handleX> x{this, "x", 4, 4, 8};
+  };
+  Brio::Ptr<Other> o(new Other);
+  o->mount("shape", MountMode::reader);
+  EXPECT_EQ(o->mountStatus(), MountStatus::mounting);
+  EXPECT_NE(o->reason().str().find("Test::Pets"), std::string::npos) << o->reason().view();
+}
+
+TEST_F(ShoalTest, RawTableReadsAnyTable) {
+  auto w = Pets::petsFactory("w");
+  ASSERT_TRUE(w->mount("raw", MountMode::writer));
+  w->count.set(0x01020304, "ab");
+  w->commit();
+  auto r = Shoal::RawTable::rawTableFactory("raw");
+  r->mount("raw", MountMode::reader);
+  ASSERT_EQ(r->mountStatus(), MountStatus::mounted) << r->reason().view();
+  EXPECT_EQ(r->fileTypeName(), "Test::Pets");
+  ASSERT_EQ(r->collections().size(), 2u);
+  auto entries = r->collections()[0]->textEntries();
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].first, "01020304");
+  EXPECT_EQ(entries[0].second, "000000026162");
+}
+
+// --- bad shared memory ----------------------------------------------------------
+
+struct Mapped {
+  explicit Mapped(std::string const& file) {
+    fd = open(file.c_str(), O_RDWR);
+    struct stat st {};
+    fstat(fd, &st);
+    bytes = st.st_size;
+    base = static_cast<char*>(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+  }
+  ~Mapped() {
+    munmap(base, bytes);
+    close(fd);
+  }
+  Shoal::Layout::FixedHeader* h() const { return Shoal::Layout::fixedHeader(base); }
+  char* slot(U32 c, U32 s) const { return base + h()->desc[c].slotsOffset + U64(s) * h()->desc[c].slotBytes; }
+  int fd;
+  std::size_t bytes;
+  char* base;
+};
+
+TEST_F(ShoalTest, ScribbledMemoryReachesTheHookAndReadsAsAbsent) {
+  struct Case {
+    char const* name;
+    bool readerFirst;  // mounted before the scribble (else it mounts after and scans)
+    std::function<void(Mapped&, Pets&)> scribble;
+    char const* report;
+    bool keyOnePresent;
+  } const cases[] = {
+      {"value length above the limit", false,
+       [](Mapped& m, Pets&) { reinterpret_cast<Shoal::Layout::SlotHead*>(m.slot(0, 0))->valueLen = 500; },
+       "above the limit", false},
+      {"key bytes that do not decode", false,
+       [](Mapped& m, Pets&) { reinterpret_cast<Shoal::Layout::SlotHead*>(m.slot(0, 0))->keyLen = 3; },
+       "read past end", false},
+      {"key repeated in a second slot", false,
+       [](Mapped& m, Pets&) {
+         U32 bytes = m.h()->desc[0].slotBytes;
+         std::memcpy(m.slot(0, 5), m.slot(0, 0), bytes);
+       },
+       "repeated", true},
+      {"change log entry out of range", true,
+       [](Mapped& m, Pets& w) {
+         w.count.set(2, "v2-poke");
+         w.commit();
+         auto* log = reinterpret_cast<U32*>(m.base + m.h()->logOffset);
+         auto* lv = Shoal::Layout::liveHeader(m.base);
+         log[(lv->commitHead.load() - 1) & (m.h()->logEntries - 1)] = 0xFFFFFF;
+       },
+       "out of range", true},
+      {"change log head moved back", true,
+       [](Mapped& m, Pets&) { Shoal::Layout::liveHeader(m.base)->commitHead.store(0); }, "went backwards", true},
+      {"fixed header bytes", true, [](Mapped& m, Pets&) { m.h()->desc[0].capacity ^= 1; }, "header changed",
+       false},
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.name);
+    ShoalRoot caseRoot;
+    HookCapture hook;
+    auto w = Pets::petsFactory("w");
+    ASSERT_TRUE(w->mount("bad", MountMode::writer));
+    w->count.set(1, "v1-a");
+    w->commit();
+    auto r = Pets::petsFactory("r");
+    Follower f(r);
+    if (c.readerFirst) {
+      r->mount("bad", MountMode::reader);
+      ASSERT_EQ(f.count[1], "v1-a");
+    }
+    Mapped m(caseRoot.path() + "/bad");
+    c.scribble(m, *w);
+    if (c.readerFirst) {
+      r->poll();
+    } else {
+      r->mount("bad", MountMode::reader);
+    }
+    EXPECT_TRUE(hook.saw(c.report)) << (hook.reports.empty() ? "no report" : hook.reports[0]);
+    EXPECT_TRUE(hook.saw(caseRoot.path() + "/bad"));
+    EXPECT_EQ(r->count.contains(1), c.keyOnePresent);
+    EXPECT_EQ(f.count.count(1), c.keyOnePresent ? 1u : 0u) << "notifications follow the table";
+  }
+}
+
+TEST_F(ShoalTest, RestartedWriterDropsTheSlotItWasWritingAndKeepsTheRest) {
+  HookCapture hook;
+  {
+    auto w = Pets::petsFactory("w");
+    ASSERT_TRUE(w->mount("torn", MountMode::writer));
+    for (U32 k = 0; k < 5; ++k) w->count.set(k, "v" + std::to_string(k) + "-a");
+    w->commit();
+  }
+  {
+    Mapped m(root.path() + "/torn");
+    auto* head = reinterpret_cast<Shoal::Layout::SlotHead*>(m.slot(0, 2));
+    head->seq.fetch_add(1);  // as if the writer died inside this slot's write
+  }
+  auto r = Pets::petsFactory("r");
+  r->mount("torn", MountMode::reader);
+  auto w = Pets::petsFactory("w2");
+  ASSERT_TRUE(w->mount("torn", MountMode::writer));
+  EXPECT_TRUE(hook.saw("being written")) << (hook.reports.empty() ? "" : hook.reports[0]);
+  EXPECT_EQ(w->count.size(), 4u);
+  ASSERT_TRUE(loop.runUntil([&] { return r->quiesced() && r->count.size() == 4; }, 5));
+  EXPECT_EQ(describe(*w), describe(*r));
+}
+
+TEST_F(ShoalTest, ReadersFollowAWriterThatMakesTheTableAgain) {
+  HookCapture hook;
+  auto r = Pets::petsFactory("r");
+  Follower f(r);
+  r->mount("again", MountMode::reader);
+  auto w = Pets::petsFactory("w", 64);
+  ASSERT_TRUE(w->mount("again", MountMode::writer));
+  w->count.set(1, "v1-a");
+  w->count.set(2, "v2-a");
+  w->commit();
+  ASSERT_TRUE(loop.runUntil([&] { return r->quiesced() && f.count.size() == 2; }, 5));
+  w->unmount();
+  // Another capacity: the file is made again and the old one retired.
+  auto w2 = Pets::petsFactory("w2", 32);
+  w2->count.set(2, "v2-b");
+  ASSERT_TRUE(w2->mount("again", MountMode::writer));
+  ASSERT_TRUE(loop.runUntil([&] { return r->mountStatus() == MountStatus::mounted && r->quiesced() &&
+                                         f.count.size() == 1 && f.count[2] == "v2-b"; }, 5))
+      << r->reason().view();
+  EXPECT_EQ(r->count.capacity(), 32u);
+  // A damaged header: readers drop everything and wait; the next writer
+  // makes the table again and they come back.
+  w2->unmount();
+  {
+    Mapped m(root.path() + "/again");
+    m.h()->logEntries = 3;
+  }
+  r->poll();
+  EXPECT_EQ(r->mountStatus(), MountStatus::mounting);
+  EXPECT_TRUE(f.count.empty());
+  auto w3 = Pets::petsFactory("w3", 32);
+  w3->count.set(3, "v3-c");
+  ASSERT_TRUE(w3->mount("again", MountMode::writer));
+  EXPECT_TRUE(hook.saw("table made again")) << (hook.reports.empty() ? "" : hook.reports.back());
+  ASSERT_TRUE(loop.runUntil([&] { return r->mountStatus() == MountStatus::mounted && r->quiesced() &&
+                                         f.count.size() == 1; }, 5))
+      << r->reason().view();
+  EXPECT_EQ(f.count[3], "v3-c");
+}
+
+TEST(ShoalLayout, HeaderChecksRejectEverySingleByteChange) {
+  Shoal::Layout::FixedHeader h;
+  std::vector<Shoal::Layout::CollectionShape> shapes = {{"a", 8, 16, 10}, {"b", 4, 4, 3}};
+  ASSERT_EQ(Shoal::Layout::layoutHeader(&h, "T", shapes.data(), 2, 64), "");
+  ASSERT_EQ(Shoal::Layout::validateHeader(&h, sizeof h, h.fileBytes), "");
+  EXPECT_NE(Shoal::Layout::validateHeader(&h, sizeof h, h.fileBytes + 4096), "");
+  EXPECT_NE(Shoal::Layout::validateHeader(&h, sizeof h - 1, h.fileBytes), "");
+  auto* bytes = reinterpret_cast<U8*>(&h);
+  for (std::size_t i = 0; i < offsetof(Shoal::Layout::FixedHeader, layoutCheck) + 4; ++i) {
+    bytes[i] ^= 0x40;
+    EXPECT_NE(Shoal::Layout::validateHeader(&h, sizeof h, h.fileBytes), "") << "byte " << i;
+    bytes[i] ^= 0x40;
+  }
+}
+
+// --- several processes ----------------------------------------------------------
+
+TEST_F(ShoalTest, ReaderProcessesMatchTheCommittedStateAfterRandomOperations) {
+  auto w = Pets::petsFactory("w", 24);
+  ASSERT_TRUE(w->mount("model", MountMode::writer));
+  std::vector<std::unique_ptr<Child>> readers;
+  for (int i = 0; i < 3; ++i) {
+    readers.push_back(std::make_unique<Child>([](int in, int out) { return readerProcess("model", in, out); }));
+    ASSERT_EQ(readers.back()->line(10), "ready");
+  }
+  std::mt19937 rng(20261123);
+  std::map<U32, String> count;
+  std::map<String, U32> owner;
+  for (int round = 0; round < 40; ++round) {
+    int ops = 1 + rng() % 40;
+    for (int i = 0; i < ops; ++i) {
+      U32 k = rng() % 32;
+      int what = rng() % 10;
+      if (what < 6) {
+        String v("v" + std::to_string(k) + "-" + std::to_string(rng() % 3));
+        bool expect = count.count(k) || count.size() < 24;
+        ASSERT_EQ(w->count.set(k, v), expect) << "round " << round << " set " << k;
+        if (expect) count[k] = v;
+      } else if (what < 8) {
+        ASSERT_EQ(w->count.del(k), count.erase(k) == 1) << "round " << round << " del " << k;
+      } else if (what < 9) {
+        String name("o" + std::to_string(k));
+        owner[name] = k + round;
+        w->owner.set(name, k + round);
+      } else {
+        w->owner.del(String("o" + std::to_string(k)));
+        owner.erase(String("o" + std::to_string(k)));
+      }
+    }
+    if (rng() % 4 == 0) continue;  // let changes pile up over several rounds
+    w->commit();
+    std::ostringstream want;
+    for (auto const& [k, v] : count) want << "count " << k << " " << v.view() << "\n";
+    for (auto const& [k, v] : owner) want << "owner " << k.view() << " " << v << "\n";
+    want << "bad 0\n";
+    for (std::size_t i = 0; i < readers.size(); ++i) {
+      std::string got = syncState(*readers[i]);
+      std::string diff = firstDivergence(want.str(), got);
+      ASSERT_EQ(diff, "") << "round " << round << ", reader " << i;
+    }
+  }
+}
+
+TEST_F(ShoalTest, KilledReadersAreReclaimedAndCostTheWriterNothing) {
+  auto w = Pets::petsFactory("w");
+  ASSERT_TRUE(w->mount("kill", MountMode::writer));
+  std::vector<std::unique_ptr<Child>> readers;
+  for (int i = 0; i < 5; ++i) {
+    readers.push_back(std::make_unique<Child>([](int in, int out) { return readerProcess("kill", in, out); }));
+    ASSERT_EQ(readers.back()->line(10), "ready");
+  }
+  w->count.set(1, "v1-a");
+  w->commit();
+  EXPECT_EQ(w->readersWoken(), 5u);
+  // Each has read the commit and waits for the next wake-up when killed.
+  for (auto& r : readers) ASSERT_EQ(syncState(*r), "count 1 v1-a\nbad 0\n");
+  for (int i : {0, 2, 4}) readers[i]->kill();
+  w->count.set(1, "v1-b");
+  w->commit();
+  EXPECT_EQ(w->reclaimedCount(), 3u);
+  EXPECT_EQ(w->readersWoken(), 2u);
+  w->count.set(1, "v1-c");
+  w->commit();
+  EXPECT_EQ(w->reclaimedCount(), 3u);
+  EXPECT_EQ(w->readersWoken(), 2u);
+  std::string want = "count 1 v1-c\nbad 0\n";
+  EXPECT_EQ(syncState(*readers[1]), want);
+  EXPECT_EQ(syncState(*readers[3]), want);
+  // The wake sockets of the dead are gone with their registrations.
+  std::size_t sockets = 0;
+  for (auto const& e : std::filesystem::directory_iterator(root.path() + "/.wake")) sockets += e.is_socket();
+  EXPECT_EQ(sockets, 2u);
+
+  // Now kill readers at random moments while the writer keeps committing:
+  // some die inside a pass, having asked for no wake-up. The writer never
+  // waits, and still takes every registration back.
+  std::mt19937 rng(5);
+  std::vector<std::unique_ptr<Child>> doomed;
+  for (int i = 0; i < 4; ++i) {
+    doomed.push_back(std::make_unique<Child>([](int in, int out) { return readerProcess("kill", in, out); }));
+    ASSERT_EQ(doomed.back()->line(10), "ready");
+  }
+  std::size_t next = 0;
+  for (int i = 0; i < 3000; ++i) {
+    for (U32 k = 0; k < 16; ++k) w->count.set(k, checkedValue(k, i));
+    w->commit();
+    if (next < doomed.size() && rng() % 400 == 0) doomed[next++]->kill();
+  }
+  for (; next < doomed.size(); ++next) doomed[next]->kill();
+  for (int i = 0; i < 600; ++i) {
+    w->count.set(1, checkedValue(1, i));
+    w->commit();
+  }
+  EXPECT_EQ(w->reclaimedCount(), 7u);
+  EXPECT_EQ(w->readersWoken(), 2u);
+  std::string last = syncState(*readers[1]);
+  EXPECT_NE(last.find("count 1 " + checkedValue(1, 599) + "\n"), std::string::npos) << last;
+  EXPECT_NE(last.find("bad 0\n"), std::string::npos) << last;
+}
+
+// A writer process that commits batches: batch b sets the eight keys of
+// group b % 500 to checkedValue(key, b) and, after its commit, stores b+1 in
+// the "progress" segment. No system call between batches (unless a reader
+// asks for a wake-up), so a kill lands anywhere in the loop, slot writes
+// included.
+constexpr int groups = 500;
+
+std::atomic<S64>* progress(Brio::Ptr<Shoal::Segment> const& seg) {
+  return seg->attach() ? reinterpret_cast<std::atomic<S64>*>(seg->data()) : nullptr;
+}
+
+int writerProcess(int in, int out, int firstBatch, int lastBatch) {
+  Brio::ActivityManager loop;
+  auto seg = Shoal::Segment::segmentFactory("progress", 8);
+  auto* done = progress(seg);
+  auto w = Pets::petsFactory("w", 8 * groups);
+  U64 const reportsBefore = Shoal::corruptionCount();
+  if (!done || !w->mount("crash", MountMode::writer)) {
+    CorvidTest::writeLine(out, "refused " + w->reason().str());
+    return 1;
+  }
+  CorvidTest::writeLine(out, "count " + std::to_string(w->count.size()) + " dropped " +
+                                 std::to_string(Shoal::corruptionCount() - reportsBefore));
+  for (int b = firstBatch; b <= lastBatch; ++b) {
+    U32 g = b % groups;
+    for (U32 k = 8 * g; k < 8 * g + 8; ++k) w->count.set(k, checkedValue(k, b));
+    w->commit();
+    done->store(b + 1, std::memory_order_release);
+  }
+  CorvidTest::writeLine(out, "done");
+  CorvidTest::readLine(in, 30);
+  return 0;
+}
+
+TEST_F(ShoalTest, WriterKilledAtRandomPointsRestartsWithEveryCommittedEntry) {
+  HookCapture hook;
+  std::mt19937 rng(7);
+  auto reader = std::make_unique<Child>([](int in, int out) { return readerProcess("crash", in, out); });
+  ASSERT_EQ(reader->line(10), "ready");
+  int committed = -1;  // last batch known committed
+  int dropped = 0;     // entries restarts found half written
+  auto seg = Shoal::Segment::segmentFactory("progress", 8);
+  auto* done = progress(seg);
+  ASSERT_NE(done, nullptr);
+  for (int run = 0; run < 40; ++run) {
+    int first = committed + 1;
+    Child writer([first](int in, int out) { return writerProcess(in, out, first, 1 << 30); });
+    std::string hello = writer.line(10);
+    ASSERT_EQ(hello.rfind("count ", 0), 0u) << hello;
+    // Whatever the previous writer committed is there at restart, but for
+    // the one slot it may have been writing when killed.
+    U32 present = static_cast<U32>(std::stoul(hello.substr(6)));
+    U32 atLeast = std::min<U32>(8 * groups, 8 * (committed + 1));
+    EXPECT_GE(present + 1, atLeast) << "run " << run;
+    dropped += std::stoi(hello.substr(hello.find(" dropped ") + 9));
+    usleep(100 + rng() % 5000);
+    writer.kill();
+    committed = static_cast<int>(done->load()) - 1;
+  }
+  ASSERT_GT(committed, groups) << "writers too slow to cover every key";
+  RecordProperty("killedInsideASlotWrite", dropped);
+  // One more writer runs to a known end; then the reader must hold exactly
+  // the latest batch of every group.
+  int const end = committed + 1000;
+  Child last([&](int in, int out) { return writerProcess(in, out, committed + 1, end); });
+  std::string l;
+  while ((l = last.line(20)) != "done") {
+    if (l.empty() || l.rfind("refused", 0) == 0) {
+      ADD_FAILURE() << "last writer: '" << l << "'";
+      break;
+    }
+  }
+  std::string got = syncState(*reader);
+  std::ostringstream want;
+  for (U32 k = 0; k < 8 * groups; ++k) {
+    int g = static_cast<int>(k / 8);
+    int b = end - ((end - g) % groups + groups) % groups;
+    want << "count " << k << " " << checkedValue(k, b) << "\n";
+  }
+  // count lines sort numerically in the reader's map, as here.
+  want << "bad 0\n";
+  EXPECT_EQ(firstDivergence(want.str(), got), "");
+  last.send("quit");
+  last.wait(5);
+}
+
+// --- segments -------------------------------------------------------------------
+
+TEST_F(ShoalTest, SegmentSurvivesDetachAndProcessesAndIsGoneAfterRemove) {
+  auto s = Shoal::Segment::segmentFactory("ids/counter", 4);
+  ASSERT_TRUE(s->attach()) << s->reason().view();
+  U32 v;
+  std::memcpy(&v, s->data(), 4);
+  EXPECT_EQ(v, 0u) << "made zero-filled";
+  Child child([](int, int out) {
+    auto c = Shoal::Segment::segmentFactory("ids/counter", 4);
+    if (!c->attach()) return 1;
+    U32 x = 41;
+    std::memcpy(c->data(), &x, 4);
+    CorvidTest::writeLine(out, "done");
+    return 0;
+  });
+  ASSERT_EQ(child.line(5), "done");
+  s->detach();
+  EXPECT_EQ(s->data(), nullptr);
+  ASSERT_TRUE(s->attach());
+  std::memcpy(&v, s->data(), 4);
+  EXPECT_EQ(v, 41u);
+  s->remove();
+  EXPECT_FALSE(std::filesystem::exists(root.path() + "/ids/counter"));
+  ASSERT_TRUE(s->attach());
+  std::memcpy(&v, s->data(), 4);
+  EXPECT_EQ(v, 0u);
+}
+
+}  // namespace
