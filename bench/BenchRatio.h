@@ -29,7 +29,9 @@ class RecordingReporter : public benchmark::ConsoleReporter {
   void ReportRuns(std::vector<Run> const& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (auto const& r : runs) {
-      if (r.run_type == Run::RT_Iteration && !r.error_occurred) {
+      // Aggregates of repeated runs are kept under their own names
+      // ("Foo/repeats:5/real_time_median"), so comparisons can use medians.
+      if (!r.error_occurred) {
         times[r.benchmark_name()] = r.GetAdjustedRealTime();
         cpuTimes[r.benchmark_name()] = r.GetAdjustedCPUTime();
       }

@@ -65,6 +65,31 @@ class NetnsScope {
   bool ok_ = false;
 };
 
+// A named namespace for one test: a unique name (pid and a counter), made
+// with `ip netns add` when `make`, and always removed with `ip netns del`
+// when the object goes, whoever made it in between.
+class NamedNetns {
+ public:
+  explicit NamedNetns(std::string const& tag, bool make = true) {
+    static int counter = 0;
+    name_ = "corvid-" + tag + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
+    ok_ = !make || sh("ip netns add " + name_ + " && ip -n " + name_ + " link set lo up") == 0;
+  }
+  ~NamedNetns() { sh("ip netns del " + name_ + " 2>/dev/null"); }
+  NamedNetns(NamedNetns const&) = delete;
+  NamedNetns& operator=(NamedNetns const&) = delete;
+
+  std::string const& name() const { return name_; }
+  char const* c_str() const { return name_.c_str(); }
+  bool ok() const { return ok_; }
+  // Runs `ip -n NAME ARGS`; returns its exit status.
+  int ip(std::string const& args) const { return sh("ip -n " + name_ + " " + args); }
+
+ private:
+  std::string name_;
+  bool ok_ = false;
+};
+
 // Skips the current test unless it may make network namespaces (root).
 #define CORVID_REQUIRE_NETNS(scope)                                              \
   do {                                                                           \

@@ -89,6 +89,10 @@ class ToolProcess {
   ToolProcess& operator=(ToolProcess const&) = delete;
 
   bool started() const { return pid_ > 0; }
+  // Sends a signal to the running child (Ctrl-C is SIGINT).
+  void signal(int sig) const {
+    if (pid_ > 0) kill(pid_, sig);
+  }
 
   // True once the child has exited (it is not reaped here).
   bool exited() const {

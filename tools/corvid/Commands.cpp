@@ -9,6 +9,7 @@ int valueCommand(Args const& args, std::ostream& out, std::ostream& err);
 int packetCommand(Args const& args, std::ostream& out, std::ostream& err);
 int tablesCommand(Args const& args, std::ostream& out, std::ostream& err);
 int vrfCommand(Args const& args, std::ostream& out, std::ostream& err);
+int watchCommand(Args const& args, std::ostream& out, std::ostream& err);
 
 std::vector<Command> const& commands() {
   static std::vector<Command> const table = {
@@ -24,6 +25,9 @@ std::vector<Command> const& commands() {
        "name or release a VRF in the shared VRF id map, or list the map", vrfCommand},
       {"tables", "tables (dump PATH | watch PATH [--seconds S]) [--json]",
        "print a shared table under SHOAL_ROOT, or follow it and print every change", tablesCommand},
+      {"watch", "watch [--ns NAME] [--links] [--addrs] [--neigh] [--seconds S] [--json]",
+       "dump a namespace's links, addresses and neighbours, then print every change until Ctrl-C or --seconds",
+       watchCommand},
   };
   return table;
 }
