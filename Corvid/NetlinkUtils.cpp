@@ -110,12 +110,10 @@ void closeNetlinkSocket(netlinkHandle* h) {
   h->fd = -1;
 }
 
+// A netlink socket that never connected sends to the kernel (port 0), so a
+// plain send() serves; it also lets tests read requests off a socket pair.
 void sendNetlinkMsg(netlinkHandle* h, nlmsghdr* msg) {
-  sockaddr_nl kernel{};
-  kernel.nl_family = AF_NETLINK;
-  if (sendto(h->fd, msg, msg->nlmsg_len, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) < 0) {
-    failWith("Cannot send netlink msg ", errno);
-  }
+  if (send(h->fd, msg, msg->nlmsg_len, 0) < 0) failWith("Cannot send netlink msg ", errno);
 }
 
 void sendNetlinkVec(netlinkHandle* h, nlmsghdr* msgs, int count) {
@@ -126,11 +124,7 @@ void sendNetlinkVec(netlinkHandle* h, nlmsghdr* msgs, int count) {
     iov.push_back({m, m->nlmsg_len});
     p += NLMSG_ALIGN(m->nlmsg_len);
   }
-  sockaddr_nl kernel{};
-  kernel.nl_family = AF_NETLINK;
   msghdr mh{};
-  mh.msg_name = &kernel;
-  mh.msg_namelen = sizeof kernel;
   mh.msg_iov = iov.data();
   mh.msg_iovlen = iov.size();
   if (sendmsg(h->fd, &mh, 0) < 0) failWith("Cannot send netlink msg ", errno);
