@@ -10,7 +10,8 @@
 // Slots: a key encodes in at most 104 bytes (4 VRF id, 20 address, an
 // interface name of at most 76 bytes), an entry in at most 112. Capacity is
 // fixed when the writer creates the table (defaultCapacity per collection
-// unless the factory is told otherwise).
+// unless the factory is told otherwise); a slot costs about 230 bytes of
+// shared memory, so the default table takes some 7.5 MB.
 #pragma once
 
 #include <Corvid/VrfIdMap.h>
@@ -96,7 +97,8 @@ class Status : public Shoal::Table {
   static constexpr char typeNameText[] = "Arp::Table::Status";
   static constexpr U32 keyMax = 104;
   static constexpr U32 entryMax = 112;
-  static constexpr U32 defaultCapacity = 131072;
+  // Per collection: the hardware's default table size, rounded up.
+  static constexpr U32 defaultCapacity = 16384;
   static Brio::Ptr<Status> statusFactory(Brio::String name, U32 capacity = defaultCapacity);
 
   ArpEntry arpEntry(ArpKey const& key) const { return arpEntry_.get(key); }
