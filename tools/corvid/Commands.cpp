@@ -10,6 +10,7 @@ int packetCommand(Args const& args, std::ostream& out, std::ostream& err);
 int tablesCommand(Args const& args, std::ostream& out, std::ostream& err);
 int vrfCommand(Args const& args, std::ostream& out, std::ostream& err);
 int watchCommand(Args const& args, std::ostream& out, std::ostream& err);
+int arpCommand(Args const& args, std::ostream& out, std::ostream& err);
 
 std::vector<Command> const& commands() {
   static std::vector<Command> const table = {
@@ -28,6 +29,8 @@ std::vector<Command> const& commands() {
       {"watch", "watch [--ns NAME] [--links] [--addrs] [--neigh] [--seconds S] [--json]",
        "dump a namespace's links, addresses and neighbours, then print every change until Ctrl-C or --seconds",
        watchCommand},
+      {"arp", "arp (dump | watch [--seconds S]) [--table PATH] [--json] | arp (add6 ADDR MAC | del6 ADDR) --dev DEV [--ns NS] [--state S]",
+       "print or follow the shared neighbour table, or install and remove IPv6 neighbours in the kernel", arpCommand},
   };
   return table;
 }
