@@ -16,9 +16,9 @@
 // Both use the tables "vrfIdMap/status" and "arp/status" under SHOAL_ROOT.
 // Stop either with Ctrl-C (or --seconds).
 #include <Brio/ActivityManager.h>
+#include <Corvid/ArpPublisher.h>
 #include <Corvid/ArpShim.h>
 #include <Corvid/RtnlMirror.h>
-#include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <signal.h>
 
@@ -40,42 +40,6 @@ bool runFor(Brio::ActivityManager& loop, double seconds) {
   return loop.runUntil([] { return stopping != 0; }, seconds > 0 ? seconds : 1e12);
 }
 
-// Publishes each change of the namespace's neighbour table.
-class Publisher : public Corvid::RtnlMirror::Listener {
- public:
-  Publisher(Brio::Ptr<Vrf::VrfIdMap::Writer> vrfs, Brio::Ptr<Arp::Table::Status> table,
-            std::map<std::string, std::string> intfVrf)
-      : vrfs_(std::move(vrfs)), table_(std::move(table)), intfVrf_(std::move(intfVrf)) {}
-  void mirrorIs(Corvid::RtnlMirror const* m) { mirror_ = m; }
-
-  void handleChange(Corvid::RtnlMessage const& m, bool) override {
-    if (m.kind != Corvid::RtnlMessage::Kind::neigh || !m.neigh.addr.isV4() && !m.neigh.addr.isV6()) return;
-    Brio::String const intf = mirror_->intfName(m.neigh.ifIndex);
-    if (intf.empty()) return;
-    auto it = intfVrf_.find(intf.str());
-    Arp::Table::ArpKey const key(vrfs_->vrfIs(it == intfVrf_.end() ? "default" : Brio::String(it->second)),
-                                 m.neigh.addr, Corvid::IntfId(intf));
-    bool const v4 = m.neigh.addr.isV4();
-    // Entries without a link-layer address (being resolved, or failed) are
-    // not neighbours anyone can forward to; NOARP ones (multicast, the
-    // kernel's own mappings) are not resolved neighbours either, and `ip
-    // neigh show` hides them too.
-    if (m.deleted || !m.neigh.hasMac || (m.neigh.state & NUD_NOARP)) {
-      v4 ? table_->arpEntryDel(key) : table_->neighborEntryDel(key);
-      return;
-    }
-    Arp::Table::ArpEntry const entry(key, m.neigh.mac, (m.neigh.state & NUD_PERMANENT) != 0,
-                                     Arp::ArpSource(Arp::ArpSource::ArpSourceId::kernel));
-    v4 ? table_->arpEntryIs(entry) : table_->neighborEntryIs(entry);
-  }
-
- private:
-  Brio::Ptr<Vrf::VrfIdMap::Writer> vrfs_;
-  Brio::Ptr<Arp::Table::Status> table_;
-  std::map<std::string, std::string> intfVrf_;
-  Corvid::RtnlMirror const* mirror_ = nullptr;
-};
-
 int publish(std::string const& ns, std::map<std::string, std::string> const& intfVrf, U32 capacity, double seconds) {
   Brio::ActivityManager loop;
   auto vrfTable = Vrf::VrfIdMap::Status::statusFactory("vrfs");
@@ -87,7 +51,10 @@ int publish(std::string const& ns, std::map<std::string, std::string> const& int
   }
   auto writer = Vrf::VrfIdMap::Writer::writerFactory("neighbor-agent", vrfTable);
   writer->handleInitialized();
-  Publisher publisher(writer, arpTable, intfVrf);
+  Arp::ArpPublisher publisher(writer, arpTable, [&intfVrf](Brio::String const& intf) {
+    auto it = intfVrf.find(intf.str());
+    return Brio::String(it == intfVrf.end() ? "default" : it->second);
+  });
   Corvid::RtnlMirror mirror(Corvid::NamespaceName(Brio::String(ns)), RTMGRP_LINK | RTMGRP_NEIGH, &publisher);
   publisher.mirrorIs(&mirror);
   mirror.start(true);
