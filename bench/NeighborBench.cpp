@@ -53,8 +53,14 @@ int shimProcess(int ready, int done) {
     return n;
   };
   // Checked once the reader is quiet, not per entry.
-  loop.runUntil([&] { return arp->quiesced() && arp->arpEntries() >= kNeighbours && entries() >= kNeighbours; }, 120);
-  return write(done, "d", 1) == 1 ? 0 : 1;
+  bool const ok = loop.runUntil(
+      [&] { return arp->quiesced() && arp->arpEntries() >= kNeighbours && entries() >= kNeighbours; }, 20);
+  if (!ok) {
+    std::fprintf(stderr, "shim process: table %u entries (quiesced %d, mount %s, rescans %lu), tree %lu\n",
+                 arp->arpEntries(), arp->quiesced(), Shoal::mountStatusText(arp->mountStatus()),
+                 static_cast<unsigned long>(arp->rescanCount()), static_cast<unsigned long>(entries()));
+  }
+  return write(done, ok ? "d" : "f", 1) == 1 ? 0 : 1;
 }
 
 struct Run {
@@ -95,7 +101,7 @@ Run oneRun(std::string const& ns, std::string const& root) {
   arp->commit();
   r.publish = since(t);
   t = Clock::now();
-  bool const ok = read(done[0], &c, 1) == 1;
+  bool const ok = read(done[0], &c, 1) == 1 && c == 'd';
   r.shim = ok ? since(t) : 0;
   int status = 0;
   waitpid(child, &status, 0);
