@@ -20,7 +20,9 @@ namespace {
 
 IpGenAddr addr(char const* text) { return Brio::strepToValue<IpGenAddr>(Brio::String(text)); }
 Entry entry(char const* a, char const* intf) { return Entry(addr(a), IntfId(intf)); }
-OpIntfIdEntry opEntry(char const* a, char const* intf, U32 vrf) { return OpIntfIdEntry(addr(a), IntfId(intf), VrfId(vrf)); }
+OpIntfIdEntry opEntry(char const* a, char const* intf, U32 vrf) {
+  return OpIntfIdEntry(addr(a), IntfId(intf), VrfId(vrf));
+}
 
 // The strep, after checking it reads back. A default key's address has no
 // family and prints "::", which reads back as IPv6: defaults give text only.
@@ -45,12 +47,16 @@ TEST(ProactiveArp, RecordsPrintTheirFieldsInOrderAndReadBack) {
 
 TEST(ProactiveArp, KeysHashAndOrderFieldByFieldInDeclarationOrder) {
   OpIntfIdEntry const o = opEntry("10.0.0.1", "Ethernet1", 4);
-  EXPECT_EQ(o.hash(5), Brio::Hash(5).mix(o.ipGenAddr().hash()).mix(o.intfId().hash()).mix(o.vrfId().hash()).result());
+  EXPECT_EQ(o.hash(5),
+            Brio::Hash(5).mix(o.ipGenAddr().hash()).mix(o.intfId().hash()).mix(o.vrfId().hash()).result());
+  auto req = [](char const* a, char const* intf, U32 vrf, U64 trigger) {
+    return OpIntfIdRequest(opEntry(a, intf, vrf), trigger);
+  };
   // Address, then interface (Ethernet2 before Ethernet10), then VRF, then trigger.
-  EXPECT_LT(OpIntfIdRequest(opEntry("10.0.0.1", "Ethernet2", 9), 5), OpIntfIdRequest(opEntry("10.0.0.1", "Ethernet10", 1), 0));
-  EXPECT_LT(OpIntfIdRequest(opEntry("10.0.0.1", "Ethernet10", 1), 5), OpIntfIdRequest(opEntry("10.0.0.1", "Ethernet10", 2), 0));
-  EXPECT_LT(OpIntfIdRequest(opEntry("10.0.0.1", "Ethernet10", 2), 0), OpIntfIdRequest(opEntry("10.0.0.1", "Ethernet10", 2), 1));
-  EXPECT_LT(OpIntfIdRequest(opEntry("10.0.0.1", "Ethernet10", 2), 1), OpIntfIdRequest(opEntry("10.0.0.2", "Ethernet1", 0), 0));
+  EXPECT_LT(req("10.0.0.1", "Ethernet9", 9, 9), req("10.0.0.2", "Ethernet1", 0, 0));
+  EXPECT_LT(req("10.0.0.1", "Ethernet2", 9, 5), req("10.0.0.1", "Ethernet10", 1, 0));
+  EXPECT_LT(req("10.0.0.1", "Ethernet10", 1, 5), req("10.0.0.1", "Ethernet10", 2, 0));
+  EXPECT_LT(req("10.0.0.1", "Ethernet10", 2, 0), req("10.0.0.1", "Ethernet10", 2, 1));
 }
 
 // The addresses of the keys a table announced, in order.
@@ -156,17 +162,14 @@ TEST(ProactiveArp, AgentFollowsAClientTableWrittenByAnotherProcess) {
   auto table = ClientConfig::clientConfigFactory("bgp");
   Heard heard(table);
   ASSERT_TRUE(table->mount("proactive/bgp", Shoal::MountMode::reader));
-  auto seen = [&] {
-    std::string s;
-    for (auto const& [k, r] : table->requestSnapshot()) s += Brio::strep(k.ipGenAddr()).str() + "=" + std::to_string(r.triggerResolution()) + " ";
-    return s;
-  };
-  std::pair<char const*, char const*> const steps[] = {
-      {"add", "10.0.0.1=1 2001:db8::1=1 "}, {"bump", "10.0.0.1=1 2001:db8::1=2 "}, {"del", "2001:db8::1=2 "}};
-  for (auto const& [cmd, contents] : steps) {
+  Entry const b = entry("2001:db8::1", "Ethernet2");
+  std::tuple<char const*, U32, U64> const steps[] = {{"add", 2, 1}, {"bump", 2, 2}, {"del", 1, 2}};
+  for (auto const& [cmd, requests, trigger] : steps) {
     ASSERT_TRUE(client.send(cmd));
     ASSERT_EQ(client.line(10), std::string("ok ") + cmd);
-    EXPECT_TRUE(loop.runUntil([&] { return seen() == contents && table->quiesced(); }, 10)) << cmd << ": " << seen();
+    EXPECT_TRUE(loop.runUntil([&] {
+      return table->requests() == requests && table->request(b).triggerResolution() == trigger && table->quiesced();
+    }, 10)) << cmd;
   }
   std::sort(heard.keys.begin(), heard.keys.end());  // one per change: two adds, a bump, a delete
   EXPECT_EQ(heard.keys, (std::vector<std::string>{"10.0.0.1", "10.0.0.1", "2001:db8::1", "2001:db8::1"}));

@@ -25,7 +25,8 @@ TEST(RibNextHop, EntryPrintsReadsBackAndHashesItsFieldsInOrder) {
 
 // Keys announced, as "<address>=<value now>" or "<address>=-" once gone.
 struct Heard : RequestSet::Notifiee, ResponseSet::Notifiee {
-  Heard(Brio::Ptr<RequestSet> const& q, Brio::Ptr<ResponseSet> const& r) : RequestSet::Notifiee(q), ResponseSet::Notifiee(r) {}
+  Heard(Brio::Ptr<RequestSet> const& q, Brio::Ptr<ResponseSet> const& r)
+      : RequestSet::Notifiee(q), ResponseSet::Notifiee(r) {}
   void handleRequest(Entry const& e) override {
     auto* s = RequestSet::Notifiee::notifier();
     note(e, s->hasRequest(e), s->request(e));
