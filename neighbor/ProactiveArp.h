@@ -30,6 +30,7 @@
 #include <neighbor/ArpTypes.h>
 
 #include <map>
+#include <utility>
 
 namespace Arp::ProactiveArp {
 
@@ -141,6 +142,8 @@ class ClientTable : public Shoal::Table {
   bool hasRequest(E const& key) const { return request_.contains(key); }
   U32 requests() const { return request_.size(); }
   // Stores the request under its own key; false when the table is full.
+  // Raises Brio::SizeException for a request that does not fit its slot
+  // (an interface name over 72 bytes).
   bool requestIs(R const& request) { return request_.set(request.key(), request); }
   bool requestDel(E const& key) { return request_.del(key); }
   void requestDelAll() { request_.delAll(); }
