@@ -25,3 +25,6 @@
 #include <routing/Evpn.h>
 #include <routing/FlexAlgo.h>
 #include <routing/L2Vpn.h>
+#include <neighbor/ProactiveArp.h>
+#include <neighbor/MonitoredNexthop.h>
+#include <neighbor/RibNextHop.h>
