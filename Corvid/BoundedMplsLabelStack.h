@@ -48,6 +48,13 @@ class BoundedMplsLabelStack : public MplsLabelStackBase<BoundedMplsLabelStack> {
   // by field, labels first and the size last.
   MplsLabel label(unsigned i) const;
   void labelIs(unsigned i, MplsLabel label);
+  MplsLabel label0() const { return labels_[0]; }
+  MplsLabel label1() const { return labels_[1]; }
+  MplsLabel label2() const { return labels_[2]; }
+  MplsLabel label3() const { return labels_[3]; }
+  MplsLabel label4() const { return labels_[4]; }
+  MplsLabel label5() const { return labels_[5]; }
+  MplsLabel label6() const { return labels_[6]; }
   U32 entropyLabelBitMap() const { return entropyLabelBitMap_; }
   U32 entropyLabelIndicatorBitMap() const { return entropyLabelIndicatorBitMap_; }
 
@@ -87,13 +94,13 @@ static_assert(std::is_trivially_copyable_v<BoundedMplsLabelStack> && sizeof(Boun
 
 inline constexpr auto boundedMplsLabelStackRecord = Brio::record<BoundedMplsLabelStack>(
     "Corvid::BoundedMplsLabelStack", Brio::field("stackSize", &BoundedMplsLabelStack::stackSize),
-    Brio::field("label0", [](BoundedMplsLabelStack const& s) { return s.label(0); }),
-    Brio::field("label1", [](BoundedMplsLabelStack const& s) { return s.label(1); }),
-    Brio::field("label2", [](BoundedMplsLabelStack const& s) { return s.label(2); }),
-    Brio::field("label3", [](BoundedMplsLabelStack const& s) { return s.label(3); }),
-    Brio::field("label4", [](BoundedMplsLabelStack const& s) { return s.label(4); }),
-    Brio::field("label5", [](BoundedMplsLabelStack const& s) { return s.label(5); }),
-    Brio::field("label6", [](BoundedMplsLabelStack const& s) { return s.label(6); }),
+    Brio::field("label0", &BoundedMplsLabelStack::label0),
+    Brio::field("label1", &BoundedMplsLabelStack::label1),
+    Brio::field("label2", &BoundedMplsLabelStack::label2),
+    Brio::field("label3", &BoundedMplsLabelStack::label3),
+    Brio::field("label4", &BoundedMplsLabelStack::label4),
+    Brio::field("label5", &BoundedMplsLabelStack::label5),
+    Brio::field("label6", &BoundedMplsLabelStack::label6),
     Brio::field("entropyLabelBitMap", &BoundedMplsLabelStack::entropyLabelBitMap),
     Brio::field("entropyLabelIndicatorBitMap", &BoundedMplsLabelStack::entropyLabelIndicatorBitMap));
 BRIO_RECORD_TEXT_FORMS(BoundedMplsLabelStack, boundedMplsLabelStackRecord)

@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -26,38 +25,41 @@ constexpr int lvLoss = 2;
 constexpr int lvStep = 5;
 constexpr int lvMsg = 8;
 
-constexpr char const* dumpStateNames[] = {"rdsStart", "rdsCouldSendIpRequest", "rdsCouldSendNeighborRequest",
-                                          "rdsCouldCleanup", "rdsEnd"};
-constexpr char const* serviceStateNames[] = {"nlSuccess", "nlFail", "nlRetry"};
-
-template <class E, std::size_t N>
-E readEnumWord(Brio::StringIter& pos, Brio::StringIter const& end, char const* const (&names)[N],
-               char const* message) {
-  Brio::StringIter word = pos;
-  while (word != end && (std::isalnum(static_cast<unsigned char>(*word)) || *word == '_')) ++word;
-  std::string_view const text(pos, word);
-  for (std::size_t i = 0; i < N; ++i) {
-    if (text == names[i]) {
-      pos = word;
-      return static_cast<E>(i);
-    }
-  }
-  Brio::throwRangeException(message);
-}
+constexpr RequestDumpState allDumpStates[] = {RequestDumpState::rdsStart, RequestDumpState::rdsCouldSendIpRequest,
+                                              RequestDumpState::rdsCouldSendNeighborRequest,
+                                              RequestDumpState::rdsCouldCleanup, RequestDumpState::rdsEnd};
+constexpr ServiceNetlinkFdState allServiceStates[] = {ServiceNetlinkFdState::nlSuccess, ServiceNetlinkFdState::nlFail,
+                                                      ServiceNetlinkFdState::nlRetry};
 
 }  // namespace
 
-Brio::String valueToStrep(RequestDumpState v) { return dumpStateNames[static_cast<U8>(v)]; }
-Brio::String valueToStrep(ServiceNetlinkFdState v) { return serviceStateNames[static_cast<U8>(v)]; }
-std::ostream& operator<<(std::ostream& os, RequestDumpState v) { return os << dumpStateNames[static_cast<U8>(v)]; }
-std::ostream& operator<<(std::ostream& os, ServiceNetlinkFdState v) {
-  return os << serviceStateNames[static_cast<U8>(v)];
+char const* toString(RequestDumpState v) {
+  switch (v) {
+    case RequestDumpState::rdsStart: return "rdsStart";
+    case RequestDumpState::rdsCouldSendIpRequest: return "rdsCouldSendIpRequest";
+    case RequestDumpState::rdsCouldSendNeighborRequest: return "rdsCouldSendNeighborRequest";
+    case RequestDumpState::rdsCouldCleanup: return "rdsCouldCleanup";
+    case RequestDumpState::rdsEnd: return "rdsEnd";
+  }
+  return "rdsEnd";
 }
+char const* toString(ServiceNetlinkFdState v) {
+  switch (v) {
+    case ServiceNetlinkFdState::nlSuccess: return "nlSuccess";
+    case ServiceNetlinkFdState::nlFail: return "nlFail";
+    case ServiceNetlinkFdState::nlRetry: return "nlRetry";
+  }
+  return "nlFail";
+}
+Brio::String valueToStrep(RequestDumpState v) { return toString(v); }
+Brio::String valueToStrep(ServiceNetlinkFdState v) { return toString(v); }
+std::ostream& operator<<(std::ostream& os, RequestDumpState v) { return os << toString(v); }
+std::ostream& operator<<(std::ostream& os, ServiceNetlinkFdState v) { return os << toString(v); }
 RequestDumpState sequenceToValue(Brio::StringIter& pos, Brio::StringIter const& end, RequestDumpState*) {
-  return readEnumWord<RequestDumpState>(pos, end, dumpStateNames, "Invalid RequestDumpState");
+  return readEnumWord(pos, end, allDumpStates, "Invalid RequestDumpState");
 }
 ServiceNetlinkFdState sequenceToValue(Brio::StringIter& pos, Brio::StringIter const& end, ServiceNetlinkFdState*) {
-  return readEnumWord<ServiceNetlinkFdState>(pos, end, serviceStateNames, "Invalid ServiceNetlinkFdState");
+  return readEnumWord(pos, end, allServiceStates, "Invalid ServiceNetlinkFdState");
 }
 
 void NetlinkMessageCallback::callback(nlmsghdr* const&) {

@@ -32,6 +32,7 @@
 #include <Brio/String.h>
 #include <Brio/TextForm.h>
 #include <Corvid/NamespaceName.h>
+#include <Corvid/ValueSupport.h>
 #include <linux/netlink.h>
 
 #include <iosfwd>
@@ -48,6 +49,8 @@ enum class RequestDumpState : U8 {
 
 enum class ServiceNetlinkFdState : U8 { nlSuccess, nlFail, nlRetry };
 
+char const* toString(RequestDumpState v);
+char const* toString(ServiceNetlinkFdState v);
 Brio::String valueToStrep(RequestDumpState v);
 Brio::String valueToStrep(ServiceNetlinkFdState v);
 std::ostream& operator<<(std::ostream& os, RequestDumpState v);

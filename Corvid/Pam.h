@@ -71,6 +71,10 @@ class Pam : public Brio::Entity {
   // Receive drops; endpoints whose kernel socket counts drops override both.
   virtual U32 rxDrops() const { return rxDropsHolder_; }
   virtual void rxDropsIs(U32 v) { attributeIs(rxDropsHolder_, v, &Notifiee::handleRxDrops); }
+  // The storage behind the base rxDrops(); stays 0 on endpoints that override it.
+  U32 rxDropsHolder() const { return rxDropsHolder_; }
+  // The packet the last doGetRxPkt() left for rxPkt() to hand out.
+  Brio::Ptr<Pkt> const& rxPktHolder() const { return rxPktHolder_; }
 
   // Reads at most one packet; null when nothing was waiting.
   Brio::Ptr<Pkt> rxPkt();
@@ -107,7 +111,6 @@ class Pam : public Brio::Entity {
   virtual void doGetRxPkt() = 0;
   virtual S32 doGetBulkRxPkt();
 
-  Brio::Ptr<Pkt> const& rxPktHolder() const { return rxPktHolder_; }
   void rxPktHolderIs(Brio::Ptr<Pkt> pkt) { rxPktHolder_ = std::move(pkt); }
   void txErrnoIs(U32 v) { txErrno_ = v; }
 

@@ -45,6 +45,7 @@ TEST(Pam, RxPktReturnsNullWhenNothingWaitsAndNeverTheSamePacketTwice) {
   auto p = Corvid::globalPktManager()->newPkt();
   pam->queue.push_back(p);
   EXPECT_EQ(pam->rxPkt(), p);
+  EXPECT_FALSE(pam->rxPktHolder());
   EXPECT_FALSE(pam->rxPkt());
   EXPECT_EQ(p->references(), 1u);  // the endpoint kept no reference
 }
@@ -69,6 +70,7 @@ TEST(Pam, CountersAndSavedPacketsStartEmptyAndCountAsTold) {
   pam->rxDropsIs(4);
   EXPECT_EQ(pam->txErrors(), 3u);
   EXPECT_EQ(pam->rxDrops(), 4u);
+  EXPECT_EQ(pam->rxDropsHolder(), 4u);
   Observer o(pam);
   auto p = Corvid::globalPktManager()->newPkt();
   pam->savedPacketIs(7, p);

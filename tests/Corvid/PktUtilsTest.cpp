@@ -38,35 +38,6 @@ std::string const ip4Header = fromHex("450000730000400040 11b861c0a80001c0a800c7
 
 std::string ip4Frame() { return ethIp4 + ip4Header + std::string(0x73 - 20, 'p'); }
 
-TEST(HdrWrapper, FieldsReadAndWriteThroughThePacketBytes) {
-  Brio::Ptr<Pkt> pkt = exactPkt(ip4Frame());
-  auto eth = ethHdrWrapperFactory(pkt, 0);
-  auto ip = ipHdrWrapperFactory(pkt, 14);
-  EXPECT_EQ(eth->dst(), EthAddr(0x00, 0x11, 0x22, 0x33, 0x44, 0x55));
-  EXPECT_EQ(eth->ethType(), ethTypeIp);
-  EXPECT_EQ(ip->version(), 4);
-  EXPECT_EQ(ip->headerLength(), 5);
-  EXPECT_EQ(ip->totalLength(), 0x73);
-  EXPECT_TRUE(ip->dontFragment());
-  EXPECT_EQ(ip->protocol(), ipProtoUdp);
-  EXPECT_EQ(ip->checksum(), 0xb861);
-  EXPECT_EQ(ip->src(), IpAddr(192, 168, 0, 1));
-  EXPECT_EQ(ip->dst(), IpAddr(192, 168, 0, 199));
-
-  ip->ttlIs(1);
-  ip->dscpIs(46);
-  ip->fragmentOffsetIs(0x1fff);
-  ip->moreFragmentsIs(true);
-  ip->dstIs(IpAddr(10, 0, 0, 1));
-  eth->srcIs(EthAddr(0xde, 0xad, 0xbe, 0xef, 0x00, 0x01));
-  std::string const bytes = pkt->stringValue().str();
-  EXPECT_EQ(bytes.substr(6, 6), fromHex("deadbeef0001"));
-  EXPECT_EQ(bytes.substr(14, 10), fromHex("45b8 0073 0000 7fff 01 11"));
-  EXPECT_EQ(bytes.substr(30, 4), fromHex("0a000001"));
-  EXPECT_EQ(ip->ecn(), 0);
-  EXPECT_TRUE(ip->dontFragment());  // neighbouring bits untouched
-}
-
 TEST(HdrWrapper, BitFieldSettersLeaveNeighbouringBitsAlone) {
   Brio::Ptr<Pkt> pkt = exactPkt(std::string(40, '\xff'));
   auto ip6 = ip6HdrWrapperFactory(pkt, 0);
@@ -95,6 +66,12 @@ TEST(HdrWrapper, BitFieldSettersLeaveNeighbouringBitsAlone) {
   vxlan->vniValidIs(true);
   vxlan->vniIs(0x123456);
   EXPECT_EQ(pkt->stringValue().str().substr(0, 8), fromHex("08010a40 123456ff"));
+
+  auto ip = ipHdrWrapperFactory(exactPkt(std::string(20, '\xff')), 0);
+  ip->dscpIs(46);
+  ip->moreFragmentsIs(false);
+  ip->fragmentOffsetIs(0x0123);
+  EXPECT_EQ(ip->pkt()->stringValue().str().substr(0, 8), fromHex("ffbbffff ffffc123"));  // ECN and DF kept
 }
 
 TEST(HdrWrapper, EthTypeReadsOnlyTheEtherTypesTheSystemKnows) {
@@ -148,35 +125,15 @@ TEST(HdrWrapper, BindingBeyondTheFrontPieceIsAnAssertionNamingTheHeader) {
   EXPECT_DEATH(ip->ttlIs(1), assertion("header_"));
 }
 
+// Option values are held against scapy; here the lengths that lie.
 TEST(HdrWrapper, VariableLengthOptionsStopAtTheirLengthAndThePacketEnd) {
-  // Route information with an 8-byte prefix, then RDNSS announcing two
-  // addresses of which the packet holds one, then DNSSL with two names.
-  std::string const route = fromHex("1802" "30" "18" "00000e10" "20010db800000000");
+  // RDNSS announcing two addresses of which the packet holds one.
   std::string const rdnss = fromHex("1905" "0000" "00000258") + fromHex("20010db8000000000000000000000053");
-  std::string const dnssl = fromHex("1f04" "0000" "00000258") + "\x07" "example" "\x03" "com" + '\0' + "\x03" "lab" +
-                            std::string(7, '\0');
-  std::string const boot = fromHex("fd04" "0000" "0000003c") + "tftp://boot/x" + std::string(11, '\0');
-
-  Brio::Ptr<Pkt> pkt = exactPkt(route + dnssl + boot + rdnss);
-  auto ri = icmp6HdrRouteInformationOptionWrapperFactory(pkt, 0);
-  EXPECT_EQ(ri->prefixLength(), 48);
-  EXPECT_EQ(ri->routePreference(), 3);
-  EXPECT_EQ(ri->routeLifetime(), 3600u);
-  EXPECT_EQ(ri->prefix(), Ip6Addr(0x2001, 0xdb8, 0, 0, 0, 0, 0, 0));
-
-  auto ds = icmp6HdrDnsSuffixInfoOptionWrapperFactory(pkt, 16);
-  EXPECT_EQ(ds->lifetime(), 600u);
-  EXPECT_THAT(ds->domainNames(), testing::ElementsAre("example.com", "lab"));
-
-  auto nb = icmp6HdrNetworkBootOptionWrapperFactory(pkt, 48);
-  EXPECT_EQ(nb->bootUrl(), "tftp://boot/x");
-
-  auto rd = icmp6HdrDnsServerInfoOptionWrapperFactory(pkt, 80);
+  auto rd = icmp6HdrDnsServerInfoOptionWrapperFactory(exactPkt(rdnss), 0);
   EXPECT_EQ(rd->addresses(), 2u);
   EXPECT_EQ(rd->address(0), Ip6Addr(0x2001, 0xdb8, 0, 0, 0, 0, 0, 0x53));
   EXPECT_EQ(rd->address(1), Ip6Addr());  // announced, but past the packet's end
   EXPECT_EQ(rd->address(2), Ip6Addr());
-
   // A label running past the option ends the list; so does a label over 63 bytes.
   std::string const badLabel = fromHex("1f02" "0000" "00000258") + std::string("\x03" "abc" "\x00" "\x09" "xy", 8);
   EXPECT_THAT(icmp6HdrDnsSuffixInfoOptionWrapperFactory(exactPkt(badLabel), 0)->domainNames(),
@@ -188,21 +145,10 @@ TEST(HdrWrapper, VariableLengthOptionsStopAtTheirLengthAndThePacketEnd) {
             Ip6Addr());
 }
 
-TEST(HdrWrapper, GreOptionalFieldsFollowTheirFlags) {
-  Brio::Ptr<Pkt> pkt = exactPkt(fromHex("b000" "0800" "abcd0000" "00000007" "00000009"));
-  auto gre = greHdrWrapperFactory(pkt, 0);
-  EXPECT_TRUE(gre->checksumPresent());
-  EXPECT_TRUE(gre->keyPresent());
-  EXPECT_TRUE(gre->sequencePresent());
-  EXPECT_EQ(gre->headerBytes(), 16u);
-  EXPECT_EQ(gre->checksum(), 0xabcd);
-  EXPECT_EQ(gre->key(), 7u);
-  EXPECT_EQ(gre->sequence(), 9u);
-  gre->checksumIs(0);
-  gre->checksumIs(gre->computedChecksum(16));
-  EXPECT_EQ(ipChecksumCalc(pkt->stringValue().data(), 16, 0).value(), 0);  // a valid sum verifies to 0
-
+// Field values are held against scapy; here only a header cut short.
+TEST(HdrWrapper, GreOptionalFieldsCutShortReadAsZero) {
   auto cut = greHdrWrapperFactory(exactPkt(fromHex("3000" "0800" "0000")), 0);  // key announced, cut short
+  EXPECT_EQ(cut->headerBytes(), 12u);
   EXPECT_EQ(cut->key(), 0u);
   EXPECT_EQ(cut->checksum(), 0);
 }
@@ -369,21 +315,15 @@ TEST(CheckIcmp6CheckSum, VerifiesUnderThePseudoHeaderAndLeavesTheFieldZero) {
   EXPECT_EQ(setIcmp6CheckSum(ip6, icmp6), nextHdrIsNotIcmp6);
 }
 
-TEST(CheckIcmp6CheckSum, WrapperChecksumAgreesWithTheCheck) {
-  for (std::size_t extra : {0, 1, 7, 8, 333}) {
-    std::string const frame = signedIp6Frame(nsMessage + std::string(extra, '\x5a'));
-    Brio::Ptr<Pkt> pkt = exactPkt(frame);
-    auto ip6 = ip6HdrWrapperFactory(pkt, 14);
-    auto icmp6 = icmp6HdrWrapperFactory(pkt, 54);
-    icmp6->srcAddrIs(ip6->src());
-    icmp6->dstAddrIs(ip6->dst());
-    icmp6->upperLayerLenIs(ip6->payloadLength());
-    U16 const onWire = icmp6->checksum();
-    icmp6->checksumIs(0);
-    EXPECT_EQ(icmp6->computedChecksum(), onWire) << extra;
-    icmp6->upperLayerLenIs(ip6->payloadLength() + 100u);  // claims bytes the packet lacks: no overread
-    EXPECT_NE(icmp6->computedChecksum(), onWire) << extra;
-  }
+// The sum itself is held against scapy; here a length the packet lacks.
+TEST(CheckIcmp6CheckSum, WrapperChecksumOverAClaimedLengthPastThePacketDoesNotOverread) {
+  Brio::Ptr<Pkt> pkt = exactPkt(signedIp6Frame(nsMessage));
+  auto icmp6 = icmp6HdrWrapperFactory(pkt, 54);
+  auto ip6 = ip6HdrWrapperFactory(pkt, 14);
+  icmp6->pseudoHdrIs(ip6->src(), ip6->dst(), ip6->payloadLength() + 100u);
+  U16 const onWire = icmp6->checksum();
+  icmp6->checksumIs(0);
+  EXPECT_NE(icmp6->computedChecksum(), onWire);
 }
 
 // getIcmp6Opt over an NS whose option area is `options`, looking for type 1.
@@ -442,17 +382,6 @@ TEST(GetIcmp6Opt, WalksOptionsWithTheCodesForEveryLengthShape) {
                             }).trace;
   EXPECT_THAT(trace, testing::HasSubstr("Option length cannot be zero."));
   EXPECT_THAT(trace, testing::HasSubstr("Option length exceeds pkt length."));
-}
-
-TEST(GetIcmp6Opt, EveryLengthByteOfASingleOptionGivesItsCode) {
-  for (int length = 0; length < 256; ++length) {
-    std::string options = option(1, 1) + option(2, 1);  // 16 bytes of area
-    options[1] = static_cast<char>(length);
-    OptResult r = optionWalk(options);
-    PktErrors const expected = length == 0 ? icmp6OptLenZero : length > 2 ? icmp6OptLenExceedPayloadLen : noError;
-    EXPECT_EQ(r.code, expected) << length;
-    EXPECT_EQ(r.foundAt, length == 1 || length == 2 ? 0 : -1) << length;
-  }
 }
 
 TEST(GetIcmp6Opt, OnlySolicitationsAndAdvertisementsOfNeighboursAndRoutersSolicitationsHaveOptions) {

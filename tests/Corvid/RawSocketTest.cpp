@@ -35,30 +35,23 @@ class RawSocketTest : public ::testing::Test {
   Brio::Ptr<Corvid::RawSocket::Manager> manager_;
 };
 
-TEST_F(RawSocketTest, EthSocketReceivesFramesSentIntoThePeerEnd) {
+TEST_F(RawSocketTest, EthSocketFramesGoBothWaysWithAnIndependentPacketSocket) {
   auto s = manager_->newEthSocket("eth", "cv0", Corvid::protocolAll);
   EXPECT_EQ(s->ifIndex(), if_nametoindex("cv0"));
-  EXPECT_TRUE(s->fileDescriptor()->nonBlocking());
   PacketPeer peer("cv1");
-  std::string frame = ipv4Frame("corvid-eth-rx");
-  peer.send(frame);
+  std::string const in = ipv4Frame("corvid-eth-rx"), out = ipv4Frame("corvid-eth-tx");
+  peer.send(in);
   Brio::Ptr<Pkt> pkt;
   for (int i = 0; i < 100 && !pkt; ++i) {
     pkt = s->recvPkt(nullptr);
     if (!pkt) usleep(10000);
   }
   ASSERT_TRUE(pkt);
-  EXPECT_EQ(pkt->stringValue().str(), frame);
-}
-
-TEST_F(RawSocketTest, EthSocketFramesArriveAtAnIndependentReceiver) {
-  auto s = manager_->newEthSocket("eth", "cv0", Corvid::protocolAll);
-  PacketPeer peer("cv1");
-  auto pkt = Corvid::globalPktManager()->newPkt();
-  std::string frame = ipv4Frame("corvid-eth-tx");
-  pkt->stringValueIs(frame, false);
-  EXPECT_EQ(s->sendFrame(pkt), static_cast<int>(frame.size()));
-  EXPECT_EQ(peer.receiveContaining("corvid-eth-tx"), frame);
+  EXPECT_EQ(pkt->stringValue().str(), in);
+  auto tx = Corvid::globalPktManager()->newPkt();
+  tx->stringValueIs(out, false);
+  EXPECT_EQ(s->sendFrame(tx), static_cast<int>(out.size()));
+  EXPECT_EQ(peer.receiveContaining("corvid-eth-tx"), out);
 }
 
 TEST_F(RawSocketTest, MissingInterfaceFailsWithEnodevAndKeepsOnlyTheQuerySocket) {

@@ -70,20 +70,4 @@ TEST(TestPam, TransmitKeepsPacketsInOrderAndDropsWhileDisabled) {
   EXPECT_FALSE(pam->txPktDeq());
 }
 
-TEST(TestPam, EnableDisableCyclesLeakNoDescriptor) {
-  Brio::ActivityManager am;
-  int before = CorvidTest::openDescriptors();
-  {
-    auto pam = TestPam::testPamFactory("test");
-    for (int i = 0; i < 5; ++i) {
-      pam->enabledIs(true);
-      EXPECT_NE(pam->fileDescriptor(), nullptr);
-      pam->enabledIs(false);
-      EXPECT_EQ(pam->fileDescriptor(), nullptr);
-    }
-    pam->enabledIs(true);  // dropped while enabled
-  }
-  EXPECT_EQ(CorvidTest::openDescriptors(), before);
-}
-
 }  // namespace

@@ -3,9 +3,7 @@
 #include <Brio/TextForm.h>
 #include <gtest/gtest.h>
 
-#include <set>
 #include <string>
-#include <unordered_set>
 
 #include "support/ValueCases.h"
 
@@ -42,16 +40,6 @@ TEST(VrfName, StrepIsQuotedAndReadsBackAnyBytes) {
   } const cases[] = {{"blue", "'blue'"}, {"", "''"}, {"it's", "'it\\'s'"}, {"multiple source VRFs", "'multiple source VRFs'"}};
   for (auto const& c : cases) EXPECT_EQ(expectStrepRoundTrip(VrfName(c.name)), c.strep);
   EXPECT_EQ(strepOutcome<VrfName>("'" + std::string(101, 'x') + "'"), vrfLengthMessage);
-}
-
-TEST(VrfName, OrderIsByteOrderAndHashFollowsEquality) {
-  std::set<VrfName> s{VrfName("red"), VrfName("blue"), VrfName("default"), VrfName("Blue")};
-  std::string joined;
-  for (auto const& v : s) joined += v.value().str() + " ";
-  EXPECT_EQ(joined, "Blue blue default red ");
-  std::unordered_set<VrfName> u{VrfName("a"), VrfName("a"), VrfName("b")};
-  EXPECT_EQ(u.size(), 2u);
-  EXPECT_NE(VrfName("a").hash(1), VrfName("a").hash(2));
 }
 
 TEST(VrfName, NetNsVrfStripsTheNamespacePrefix) {

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Frames built and read by scapy, the independent side of PktScapyTest.
+"""Frames built by scapy, the independent side of PktScapyTest.
 
   scapy_frames.py build
       Prints one line per frame scapy builds:
@@ -9,12 +9,6 @@
       decimal, addresses in their usual text). checksumOk=1/0 is scapy's own
       verdict: the layer's checksum rebuilt from scratch equals the one on
       the wire.
-
-  scapy_frames.py check FILE
-      Reads lines  NAME HEX Class[n].field=value ...  written by the test from
-      frames the wrappers built, decodes each with scapy, compares the fields
-      and verifies every checksum in the frame. Prints "ok NAME" or
-      "FAIL NAME: reason" per line.
 """
 
 import sys
@@ -242,54 +236,8 @@ def build():
         print(name, raw.hex(), " ".join(describe(raw)))
 
 
-CLASSES = {c.__name__: c for c in [Ether, Dot1Q, IP, IPv6, TCP, UDP, ICMPv6ND_NS, ICMPv6ND_NA, ICMPv6ND_RA,
-                                   ICMPv6ND_RS, ICMPv6EchoRequest, ICMPv6NDOptSrcLLAddr, ICMPv6NDOptDstLLAddr,
-                                   ICMPv6NDOptMTU, ICMPv6NDOptPrefixInfo, ICMPv6NDOptRouteInfo, ICMPv6NDOptRDNSS,
-                                   ICMPv6NDOptDNSSL, Raw]}
-
-
-def normalise(v):
-    if isinstance(v, list):
-        return "|".join(normalise(x).rstrip(".") for x in v)
-    if isinstance(v, bytes):
-        return v.hex()
-    return str(int(v)) if isinstance(v, (bool, int)) or type(v).__name__ == "FlagValue" else str(v).lower()
-
-
-def check(path):
-    with open(path) as f:
-        for line in f:
-            words = line.split()
-            if not words:
-                continue
-            name, raw = words[0], bytes.fromhex(words[1])
-            p = Ether(raw)
-            problems = []
-            for kv in words[2:]:
-                key, want = kv.split("=", 1)
-                layer_name, field = key.split(".", 1)
-                nb = 1
-                if "[" in layer_name:
-                    layer_name, nb = layer_name[:-1].split("[")
-                    nb = int(nb)
-                layer = p.getlayer(CLASSES[layer_name], nb)
-                if layer is None:
-                    problems.append("no %s[%d]" % (layer_name, nb))
-                    continue
-                got = normalise(getattr(layer, field))
-                if got != want.lower():
-                    problems.append("%s is %s, not %s" % (key, got, want))
-            for layer, cls, nb in headers(p):
-                for field in ("chksum", "cksum") if cls is not Raw else ():
-                    if field in layer.fields and not checksum_ok(raw, cls, nb, field):
-                        problems.append("%s checksum 0x%04x is wrong" % (cls.__name__, getattr(layer, field)))
-            print(("ok %s" % name) if not problems else ("FAIL %s: %s" % (name, "; ".join(problems))))
-
-
 if __name__ == "__main__":
     if len(sys.argv) == 2 and sys.argv[1] == "build":
         build()
-    elif len(sys.argv) == 3 and sys.argv[1] == "check":
-        check(sys.argv[2])
     else:
         sys.exit(__doc__)

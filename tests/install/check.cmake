@@ -13,6 +13,19 @@ endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
+# The umbrella header must name every installed library header, so a module
+# added later cannot be left out of it unnoticed.
+file(READ ${prefix}/include/Corvid/Corvid.h umbrella)
+file(GLOB public RELATIVE ${prefix}/include
+  ${prefix}/include/Corvid/*.h ${prefix}/include/routing/*.h ${prefix}/include/neighbor/*.h)
+list(REMOVE_ITEM public Corvid/Corvid.h)
+foreach(header ${public})
+  string(FIND "${umbrella}" "#include <${header}>" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "Corvid/Corvid.h does not include ${header}")
+  endif()
+endforeach()
+
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/cmake-build -G Ninja
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX} "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}")
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-build)

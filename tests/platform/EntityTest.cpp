@@ -133,13 +133,4 @@ TEST(Entity, CollectionNotifiesPerKeyOnAddChangeAndDelete) {
   EXPECT_EQ(log, (Log{"a:label1", "a:label1", "a:label2", "a:label1", "a:label2"}));
 }
 
-TEST(Entity, NotifieeKeepsItsNotifierAlive) {
-  auto port = Port::portFactory();
-  Log log;
-  Recorder a(port, "a", &log);
-  EXPECT_EQ(port->references(), 2u);
-  a.notifierIs(nullptr);
-  EXPECT_EQ(port->references(), 1u);
-}
-
 }  // namespace

@@ -7,6 +7,8 @@
 
 #include <functional>
 
+#include "support/NetnsScope.h"
+
 namespace {
 
 using Brio::ActivityManager;
@@ -34,11 +36,7 @@ struct Pipe {
   int fds[2] = {-1, -1};
 };
 
-int openDescriptors() {
-  int n = 0;
-  for (int fd = 0; fd < 4096; ++fd) n += fcntl(fd, F_GETFD) >= 0;
-  return n;
-}
+using CorvidTest::openDescriptors;
 
 TEST(FileDescriptor, LevelTriggeredRepeatsEveryTurnUntilDrained) {
   ActivityManager am;
@@ -150,17 +148,6 @@ TEST(FileDescriptor, DescriptorClosedBehindItsBackRecordsErrorAndStaysSilent) {
   am.runOnce(0.01);
   EXPECT_EQ(c.readable, 0);
   fd->descriptorRelease();  // already closed
-}
-
-TEST(FileDescriptor, NonBlockingFlagIsTheKernelsFlag) {
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  auto fd = FileDescriptor::fileDescriptorFactory("r", fds[0]);
-  EXPECT_FALSE(fd->nonBlocking());
-  fd->nonBlockingIs(true);
-  EXPECT_TRUE(fcntl(fds[0], F_GETFL) & O_NONBLOCK);
-  EXPECT_TRUE(fd->nonBlocking());
-  close(fds[1]);
 }
 
 TEST(FileDescriptor, DescriptorIsReplacesAndClosesTheOldOne) {

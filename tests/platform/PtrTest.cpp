@@ -51,15 +51,6 @@ TEST_P(PtrModes, ConvertsToBaseAndCastsBack) {
   EXPECT_EQ(deaths, 1);
 }
 
-TEST_P(PtrModes, SelfAssignmentKeepsTheObject) {
-  int deaths = 0;
-  Brio::Ptr<Counted> a(new Counted(&deaths));
-  Brio::Ptr<Counted>& alias = a;
-  a = alias;
-  EXPECT_EQ(deaths, 0);
-  EXPECT_EQ(a->references(), 1u);
-}
-
 INSTANTIATE_TEST_SUITE_P(PlainAndAtomic, PtrModes, ::testing::Values(false, true));
 
 TEST(Ptr, ThreadSafeModeKeepsCountsExactUnderContention) {

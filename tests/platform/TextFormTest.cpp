@@ -42,17 +42,6 @@ TEST(TextForm, NeedStringConsumesOnlyOnFullMatch) {
   EXPECT_EQ(pos, before);
 }
 
-TEST(TextForm, BuiltInStrepsRoundTrip) {
-  EXPECT_EQ(Brio::strepToValue<U32>("4294967295"), 4294967295u);
-  EXPECT_EQ(Brio::strepToValue<S32>("-2147483648"), INT32_MIN);
-  EXPECT_EQ(Brio::strepToValue<bool>("True"), true);
-  EXPECT_EQ(Brio::strepToValue<bool>("False"), false);
-  EXPECT_EQ(Brio::strepToValue<F64>(Brio::valueToStrep(0.1)), 0.1);
-  String awkward(std::string("a'b\\c\n\x01\xff", 8));
-  EXPECT_EQ(Brio::strepToValue<String>(Brio::valueToStrep(awkward)), awkward);
-  EXPECT_EQ(Brio::valueToStrep(String("it's")), String("'it\\'s'"));
-}
-
 TEST(TextForm, BuiltInReadersRejectMalformedAndOutOfRange) {
   char const* const badU8[] = {"256", "", "-1", "x", "99999999999999999999999"};
   for (auto text : badU8) EXPECT_THROW(Brio::strepToValue<U8>(text), Brio::RangeException) << text;
@@ -103,19 +92,6 @@ inline constexpr auto sampleRecord =
     Brio::record<Sample>("Test::Sample", Brio::field("count", &Sample::count), Brio::field("name", &Sample::name),
                          Brio::field("flag", &Sample::flag));
 BRIO_RECORD_TEXT_FORMS(Sample, sampleRecord)
-
-TEST(Record, WritesFieldsInDeclarationOrder) {
-  Sample s(7, "eth0", true);
-  EXPECT_EQ(valueToStrep(s), String("Value('Test::Sample', ** {'count': 7, 'name': 'eth0', 'flag': True})"));
-  std::ostringstream os;
-  os << s;
-  EXPECT_EQ(os.str(), valueToStrep(s).str());
-}
-
-TEST(Record, ReadsBackWhatItWrites) {
-  Sample const values[] = {Sample(), Sample(4294967295u, "a', ** {", false), Sample(1, "", true)};
-  for (auto const& v : values) EXPECT_EQ(Brio::strepToValue<Sample>(valueToStrep(v)), v);
-}
 
 TEST(Record, RejectsWrongTypeNameFieldNameOrMissingPieces) {
   char const* const bad[] = {

@@ -1,6 +1,6 @@
-// Test support: an independent packet-socket peer on an interface, written
-// with plain system calls so it shares no code with the library, and a
-// recognisable IPv4-in-Ethernet frame for it to send.
+// Test support: independent peers written with plain system calls so they
+// share no code with the library: a UDP socket on loopback, a packet socket
+// on an interface, and a recognisable IPv4-in-Ethernet frame to send.
 #pragma once
 
 #include <arpa/inet.h>
@@ -15,8 +15,48 @@
 #include <Brio/Types.h>
 
 #include <string>
+#include <utility>
 
 namespace CorvidTest {
+
+inline sockaddr_in loopback(U16 port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = htons(port);
+  return a;
+}
+
+// A UDP socket bound to an ephemeral loopback port.
+struct UdpPeer {
+  UdpPeer() {
+    fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a = loopback(0);
+    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    port = ntohs(a.sin_port);
+  }
+  ~UdpPeer() {
+    if (fd >= 0) close(fd);
+  }
+  int release() { return std::exchange(fd, -1); }
+  void sendTo(U16 to, std::string const& data) const {
+    sockaddr_in a = loopback(to);
+    ASSERT_EQ(sendto(fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a),
+              static_cast<ssize_t>(data.size()));
+  }
+  // The next datagram, or "<nothing>" after two seconds.
+  std::string receive() const {
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, 2000) <= 0) return "<nothing>";
+    char buf[4096];
+    ssize_t n = recv(fd, buf, sizeof buf, 0);
+    return std::string(buf, n > 0 ? static_cast<std::size_t>(n) : 0);
+  }
+  int fd;
+  U16 port;
+};
 
 // An IPv4-in-Ethernet frame with a recognisable payload; checksums do not
 // matter to packet sockets.

@@ -1,12 +1,7 @@
-// Test support: the checks every value-type test is made of.
-//
-// Addresses, labels, names and identifiers are all tested the same way:
-// tables of texts with the canonical text or the refusal each must give,
-// round trips through the strep and the attribute log, and cuts of good
-// texts that must be read or refused without running past their end. These
-// helpers keep each of those checks in one place. They report through
-// EXPECT_*, so a caller names the case with SCOPED_TRACE or a streamed
-// message. Header only; everything is in namespace CorvidTest.
+// Test support: the checks every value-type test is made of (text tables,
+// strep and attribute-log round trips, cuts of good texts read within their
+// end). They report through EXPECT_*; callers name the case with
+// SCOPED_TRACE or a streamed message.
 #pragma once
 
 #include <Brio/Exception.h>
@@ -29,8 +24,7 @@
 
 namespace CorvidTest {
 
-// The message of the Brio::RangeException f raises, or "" when it raises
-// none. Any other exception is left to fail the test.
+// The message of the Brio::RangeException f raises, or "" when none.
 template <class F>
 std::string errorOf(F&& f) {
   try {
@@ -51,16 +45,14 @@ inline void expectErrors(std::initializer_list<ErrorRow> rows) {
   for (auto const& r : rows) EXPECT_EQ(errorOf(r.call), r.message);
 }
 
-// Predicate answers as one comparable string, '1' for true: a predicate
-// table is then one text and one such string a row.
+// Predicate answers as one string, '1' for true: one table row per value.
 inline std::string flags(std::initializer_list<bool> answers) {
   std::string s;
   for (bool b : answers) s += b ? '1' : '0';
   return s;
 }
 
-// What predicate p (a member or any callable) answers for the value read
-// from each text, as flags: one line checks a predicate on many values.
+// What predicate p answers for the value read from each text, as flags.
 template <class T, class P>
 std::string answers(P p, std::initializer_list<char const*> texts) {
   std::string s;
@@ -87,8 +79,8 @@ void unchangedOnThrow(T& v, F f) {
   }
 }
 
-// A whole-text reader for checkRows: T's stringValueIs into a value first
-// read from `start`, which a refusal must leave alone.
+// A whole-text reader for checkRows: T's stringValueIs over a value read
+// from `start`, which a refusal must leave alone.
 template <class T>
 auto stringValueIsOver(char const* start) {
   return [start](Brio::String const& t) {
@@ -97,8 +89,7 @@ auto stringValueIsOver(char const* start) {
   };
 }
 
-// "= <text>" when f returns its text, else the RangeException's message:
-// either outcome as one comparable string.
+// "= <text>" when f returns its text, else the RangeException's message.
 template <class F>
 std::string outcomeOf(F&& f) {
   try {
@@ -146,8 +137,7 @@ ReadAt readAt(Brio::String const& text) {
   return {Brio::strep(v).str(), static_cast<std::size_t>(pos - text.begin())};
 }
 
-// Reads a T at the start of a cut of a good text, accepted or refused: the
-// reader may not move past the cut's end either way.
+// Reads a T at the start of a cut: accepted or refused, never past its end.
 template <class T>
 void readWithinCut(Brio::String const& cut) {
   Brio::StringIter pos = cut.begin();
@@ -155,17 +145,16 @@ void readWithinCut(Brio::String const& cut) {
   EXPECT_LE(pos - cut.begin(), static_cast<long>(cut.bytes())) << cut.str();
 }
 
-// A heap block of exactly text.size() bytes holding text, for the raw
-// readers: one that looks past the end shows under ASan.
+// Exactly text.size() heap bytes: a raw reader looking past the end shows
+// under ASan.
 inline std::unique_ptr<char[]> exactCopy(std::string_view text) {
   auto block = std::make_unique<char[]>(text.size());
   std::memcpy(block.get(), text.data(), text.size());
   return block;
 }
 
-// Checks that v's strep reads back as v: equal, and with the same strep,
-// which also catches state that operator== ignores (a bounded label stack's
-// spare slots). Returns the strep for tests that pin it.
+// v's strep reads back equal and printing the same strep (which catches
+// state operator== ignores); returns the strep for tests that pin it.
 template <class T>
 std::string expectStrepRoundTrip(T const& v) {
   std::string const strep = Brio::strep(v).str();
@@ -183,9 +172,9 @@ struct TextRow {
   std::size_t consumed;   // bytes sequenceToValue reads when it succeeds
 };
 
-// Each row through sequenceToValue at the start of the text and through the
-// whole-text reader `whole`. A refusal leaves the position alone; a value
-// read prints its canonical text, which reads back to the same value.
+// Each row through sequenceToValue and the whole-text reader `whole`: a
+// refusal leaves the position alone; a value prints its canonical text,
+// which reads back to the same value.
 template <class T, class Whole>
 void checkRows(std::vector<TextRow> const& rows, Whole whole) {
   for (auto const& r : rows) {
@@ -205,8 +194,7 @@ void checkRows(std::vector<TextRow> const& rows, Whole whole) {
   }
 }
 
-// Texts both readers refuse, each with its message: rows of checkRows that
-// read nothing.
+// Texts both readers refuse, each with its message.
 template <class T, class Whole>
 void checkRefusals(std::vector<OutcomeRow> const& refusals, Whole whole) {
   std::vector<TextRow> rows;
@@ -214,9 +202,8 @@ void checkRefusals(std::vector<OutcomeRow> const& refusals, Whole whole) {
   checkRows<T>(rows, whole);
 }
 
-// Writes the values to one attribute log and reads them back in order:
-// each must come back equal and printing the same strep, and nothing may be
-// left over. Returns the log's bytes for tests that pin the wire form.
+// The values through one attribute log and back, in order, equal and with
+// nothing left over; returns the bytes for tests that pin the wire form.
 template <class... T>
 Brio::Bytes expectAttrLogRoundTrip(T const&... values) {
   Brio::NboAttrLog log;
@@ -233,8 +220,7 @@ Brio::Bytes expectAttrLogRoundTrip(T const&... values) {
   return log.data();
 }
 
-// Reads a T from an attribute log holding `written`: values, or plain
-// integers and strings standing for bytes from outside.
+// A T read from an attribute log holding `written` (bytes from outside).
 template <class T, class... W>
 T attrLogReadOf(W const&... written) {
   Brio::NboAttrLog log;
@@ -243,8 +229,7 @@ T attrLogReadOf(W const&... written) {
   return attrLogRead(in, static_cast<T*>(nullptr));
 }
 
-// The values sorted with operator<, each as text(v): what an order test
-// compares against the order it expects.
+// The values sorted with operator<, each as text(v).
 template <class T, class Text>
 std::vector<std::string> sortedTexts(std::vector<T> values, Text text) {
   std::sort(values.begin(), values.end());

@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "Command.h"
+#include "JsonLine.h"
 #include "PacketDecode.h"
 
 namespace CorvidTool {
@@ -52,8 +53,8 @@ struct Options {
 
 class CapturePrinter : public Corvid::DescriptorPam::Notifiee {
  public:
-  CapturePrinter(Brio::Ptr<Corvid::EthDevicePam> const& pam, unsigned long limit, std::ostream& out)
-      : Notifiee(pam), pam_(pam.ptr()), limit_(limit), out_(out) {}
+  CapturePrinter(Brio::Ptr<Corvid::EthDevicePam> const& pam, unsigned long limit, bool json, std::ostream& out)
+      : Notifiee(pam), pam_(pam.ptr()), limit_(limit), json_(json), out_(out) {}
   void handleReadableCount() override {
     while (!done()) {
       S32 n = pam_->rxPktBulk();
@@ -62,6 +63,12 @@ class CapturePrinter : public Corvid::DescriptorPam::Notifiee {
         Brio::Ptr<Corvid::Pkt> pkt = pam_->rxPkt();
         if (done()) continue;  // past the count: drop the rest of the batch
         ++seen_;
+        if (json_) {
+          nlohmann::json event = {{"event", "frame"}, {"frame", seen_}};
+          describeFrame(pkt->stringValue().str(), out_, &event);
+          out_ << jsonLine(event) << std::endl;
+          continue;
+        }
         out_ << "frame " << seen_ << ": " << pkt->bytes() << " bytes\n";
         describeFrame(pkt->stringValue().str(), out_);
       }
@@ -74,12 +81,30 @@ class CapturePrinter : public Corvid::DescriptorPam::Notifiee {
   Corvid::EthDevicePam* pam_;
   unsigned long limit_;
   unsigned long seen_ = 0;
+  bool json_;
   std::ostream& out_;
 };
 
 }  // namespace
 
-int captureCommand(Args const& args, std::ostream& out, std::ostream& err) {
+void captureHelp(std::ostream& out) {
+  out << "\n  --intf NAME    the interface to receive on (an Ethernet device)\n"
+         "  --count N      stop after N frames (default: no limit)\n"
+         "  --seconds S    stop after S seconds (default: no limit)\n"
+         "  --json         one JSON object per event: {\"event\": \"start\"}, one \"frame\" event per\n"
+         "                 frame (as `corvid packet --json`, with its number), then \"end\"\n";
+}
+
+void sendHelp(std::ostream& out) {
+  out << "\n  --intf NAME    send HEX as a whole Ethernet frame on the interface\n"
+         "  --to IPV4      send HEX as the payload of an IPv4 datagram to the address\n"
+         "  --protocol P   the IP protocol number with --to (default 253)\n"
+         "  --device D     bind the raw IP socket to device D with --to\n";
+}
+
+int captureCommand(Args const& argsGiven, std::ostream& out, std::ostream& err) {
+  Args args = argsGiven;
+  bool const json = jsonFlagTake(args);
   Options o(args, {"--intf", "--count", "--seconds"});
   if (!o.has("--intf")) throw UsageError("missing --intf NAME");
   if (!o.rest.empty()) throw UsageError("unexpected argument '" + o.rest[0] + "'");
@@ -87,16 +112,24 @@ int captureCommand(Args const& args, std::ostream& out, std::ostream& err) {
   unsigned long const seconds = o.number("--seconds", 0);
   Brio::ActivityManager loop;
   auto pam = Corvid::EthDevicePam::ethDevicePamFactory("capture", o.get("--intf"));
-  CapturePrinter printer(pam, count, out);
+  CapturePrinter printer(pam, count, json, out);
   pam->enabledIs(true);
   if (!pam->enabled()) {
     err << "corvid capture: " << o.get("--intf") << ": " << pam->reason() << "\n";
     return 1;
   }
-  out << "capturing IPv4 frames on " << o.get("--intf") << "\n";
+  if (json) {
+    out << jsonLine({{"event", "start"}, {"intf", o.get("--intf")}}) << std::endl;
+  } else {
+    out << "capturing IPv4 frames on " << o.get("--intf") << "\n";
+  }
   loop.runUntil([&] { return printer.done(); }, seconds ? static_cast<F64>(seconds) : 1e9);
   if (pam->rxErrors()) err << "corvid capture: " << pam->rxErrors() << " receive errors, last: " << pam->reason() << "\n";
-  out << printer.seen() << " frames\n";
+  if (json) {
+    out << jsonLine({{"event", "end"}, {"frames", printer.seen()}, {"rxErrors", pam->rxErrors()}}) << "\n";
+  } else {
+    out << printer.seen() << " frames\n";
+  }
   return pam->rxErrors() ? 1 : 0;
 }
 

@@ -22,6 +22,9 @@ struct Command {
   char const* synopsis;  // "value TYPE TEXT..."
   char const* summary;   // one line for the help listing
   int (*run)(Args const& args, std::ostream& out, std::ostream& err);
+  // What `corvid NAME --help` lists after the usage: options, argument
+  // forms, for `value` the TYPE words. Optional.
+  void (*help)(std::ostream& out) = nullptr;
 };
 
 class UsageError : public std::runtime_error {
@@ -30,5 +33,9 @@ class UsageError : public std::runtime_error {
 };
 
 std::vector<Command> const& commands();
+
+// Removes every `--json` word from args; true when there was one. Commands
+// that print values or events then print one JSON object per line instead.
+bool jsonFlagTake(Args& args);
 
 }  // namespace CorvidTool

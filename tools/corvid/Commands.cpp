@@ -11,17 +11,30 @@ int tablesCommand(Args const& args, std::ostream& out, std::ostream& err);
 int vrfCommand(Args const& args, std::ostream& out, std::ostream& err);
 int watchCommand(Args const& args, std::ostream& out, std::ostream& err);
 int arpCommand(Args const& args, std::ostream& out, std::ostream& err);
+int netnsCommand(Args const& args, std::ostream& out, std::ostream& err);
+void valueHelp(std::ostream& out);
+void packetHelp(std::ostream& out);
+void captureHelp(std::ostream& out);
+void sendHelp(std::ostream& out);
+
+bool jsonFlagTake(Args& args) {
+  auto const n = std::erase(args, "--json");
+  return n != 0;
+}
 
 std::vector<Command> const& commands() {
   static std::vector<Command> const table = {
       {"demo", "demo", "a short tour of the library: values, packets, endpoints", demoCommand},
-      {"value", "value TYPE TEXT...",
-       "parse each TEXT as a TYPE and print its canonical text, strep, predicates and hash", valueCommand},
-      {"packet", "packet HEX...", "decode an Ethernet frame given as hex: headers, checksums and sanity checks", packetCommand},
-      {"capture", "capture --intf NAME [--count N] [--seconds S]",
-       "receive IPv4 frames on an interface through the Ethernet-device endpoint and decode each", captureCommand},
+      {"value", "value [--json] TYPE TEXT...",
+       "parse each TEXT as a TYPE and print its canonical text, strep, predicates and hash", valueCommand,
+       valueHelp},
+      {"packet", "packet [--json] HEX...", "decode an Ethernet frame given as hex: headers, checksums and sanity checks",
+       packetCommand, packetHelp},
+      {"capture", "capture [--json] --intf NAME [--count N] [--seconds S]",
+       "receive IPv4 frames on an interface through the Ethernet-device endpoint and decode each", captureCommand,
+       captureHelp},
       {"send", "send (--intf NAME | --to IPV4 [--protocol P] [--device D]) HEX...",
-       "send a frame on an interface, or an IPv4 payload through a raw IP socket", sendCommand},
+       "send a frame on an interface, or an IPv4 payload through a raw IP socket", sendCommand, sendHelp},
       {"vrf", "vrf (add NAME | del NAME | list) [--json] [--table PATH]",
        "name or release a VRF in the shared VRF id map, or list the map", vrfCommand},
       {"tables", "tables (dump PATH | watch PATH [--seconds S]) [--json]",
@@ -31,6 +44,8 @@ std::vector<Command> const& commands() {
        watchCommand},
       {"arp", "arp (dump | watch [--seconds S]) [--table PATH] [--json] | arp (add6 ADDR MAC | del6 ADDR) --dev DEV [--ns NS] [--state S]",
        "print or follow the shared neighbour table, or install and remove IPv6 neighbours in the kernel", arpCommand},
+      {"netns", "netns (list [--json] | add NAME | del NAME)",
+       "list, create or delete named network namespaces (the ones `ip netns` uses)", netnsCommand},
   };
   return table;
 }

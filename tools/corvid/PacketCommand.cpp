@@ -14,8 +14,11 @@
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <type_traits>
 
 #include "Command.h"
+#include "JsonLine.h"
 #include "PacketDecode.h"
 
 namespace CorvidTool {
@@ -57,9 +60,104 @@ struct IpScope {
   U32 end = 0;  // one past the IP payload, within the frame
 };
 
+// Where the decoder writes. As text every piece goes straight to the stream.
+// As JSON the pieces are taken apart as they arrive, so the decoder has one
+// description of each header for both forms: line() opens a header object, a
+// piece ending in "name=" names the value streamed next (numbers and
+// booleans keep their type), other text joins the object's "detail", and
+// "\n" closes it. Lines not opened by line() (truncation, payload, notes)
+// become {"note": text}.
+class DecodeOut {
+ public:
+  DecodeOut(std::ostream& out, nlohmann::json* lines) : out_(out), lines_(lines) {}
+  bool json() const { return lines_ != nullptr; }
+
+  DecodeOut& open(char const* name, U32 off) {
+    if (!lines_) {
+      out_ << name << " @" << off << ":";
+      return *this;
+    }
+    std::string_view n(name);
+    n.remove_prefix(std::min(n.find_first_not_of(' '), n.size()));
+    object_ = {{"header", n}, {"offset", off}};
+    return *this;
+  }
+
+  template <class T>
+  DecodeOut& operator<<(T const& v) {
+    if (!lines_) {
+      out_ << v;
+    } else if constexpr (std::is_convertible_v<T const&, std::string_view>) {
+      pieces(std::string_view(v));
+    } else if constexpr (std::is_arithmetic_v<T>) {
+      std::ostringstream text;
+      text << v;
+      value(nlohmann::json(v), text.str());
+    } else {
+      std::ostringstream text;
+      text << v;
+      value(text.str(), text.str());
+    }
+    return *this;
+  }
+
+ private:
+  void pieces(std::string_view s) {
+    for (;;) {
+      std::size_t const nl = s.find('\n');
+      piece(s.substr(0, nl));
+      if (nl == std::string_view::npos) return;
+      close();
+      s.remove_prefix(nl + 1);
+    }
+  }
+  void piece(std::string_view s) {
+    if (s.empty()) return;
+    if (!key_.empty() && object_.is_object()) return value(std::string(s), std::string(s));
+    if (s.back() == '=' && object_.is_object()) {
+      std::size_t const start = s.find_last_of(" (") + 1;
+      detail_ += s.substr(0, start);
+      key_ = s.substr(start, s.size() - 1 - start);
+      return;
+    }
+    detail_ += s;
+  }
+  void value(nlohmann::json v, std::string const& text) {
+    if (key_.empty() || !object_.is_object()) {
+      detail_ += text;
+      return;
+    }
+    object_[key_] = std::move(v);
+    key_.clear();
+  }
+  void close() {
+    std::string d;
+    for (char c : detail_) {
+      if (c == '(' || c == ')' || (c == ' ' && (d.empty() || d.back() == ' '))) continue;
+      d += c;
+    }
+    while (!d.empty() && (d.back() == ' ' || d.back() == ':' || d.back() == ',')) d.pop_back();
+    if (object_.is_object()) {
+      if (!d.empty()) object_["detail"] = d;
+      lines_->push_back(std::move(object_));
+    } else {
+      lines_->push_back({{"note", d}});
+    }
+    object_ = nullptr;
+    detail_.clear();
+    key_.clear();
+  }
+
+  std::ostream& out_;
+  nlohmann::json* lines_;
+  nlohmann::json object_;
+  std::string key_;
+  std::string detail_;
+};
+
 class Decoder {
  public:
-  Decoder(Brio::Ptr<Pkt> const& pkt, std::ostream& out) : pkt_(pkt), out_(out), bytes_(pkt->frontBytes()) {}
+  Decoder(Brio::Ptr<Pkt> const& pkt, DecodeOut& out) : pkt_(pkt), out_(out), bytes_(pkt->frontBytes()) {}
 
   bool allValid() const { return valid_; }
 
@@ -81,7 +179,7 @@ class Decoder {
   }
 
  private:
-  std::ostream& line(char const* name, U32 off) { return out_ << name << " @" << off << ":"; }
+  DecodeOut& line(char const* name, U32 off) { return out_.open(name, off); }
 
   bool fits(U32 off, U32 need, char const* name) {
     if (U64(off) + need <= bytes_) return true;
@@ -97,7 +195,11 @@ class Decoder {
 
   void verdict(U16 wire, U16 computed) {
     out_ << " checksum=" << hex16(wire);
-    if (wire == computed) {
+    if (out_.json()) {
+      out_ << " checksumValid=" << (wire == computed);
+      if (wire != computed) out_ << " checksumComputed=" << hex16(computed);
+      valid_ = valid_ && wire == computed;
+    } else if (wire == computed) {
       out_ << " (valid)";
     } else {
       out_ << " (invalid, computed " << hex16(computed) << ")";
@@ -286,7 +388,7 @@ class Decoder {
     } else if (type == 0x13) {
       auto d = dvmrpHdrWrapperFactory(pkt_, off);
       line("dvmrp", off) << " code=" << int(d->code()) << " capabilities=" << int(d->capabilities())
-                         << " version=" << int(d->majorVersion()) << "." << int(d->minorVersion());
+                         << " version=" << std::to_string(d->majorVersion()) + "." + std::to_string(d->minorVersion());
       checksum(*d, len);
     } else if (type == 0x30) {
       auto m = igmpMrdHdrWrapperFactory(pkt_, off);
@@ -451,7 +553,7 @@ class Decoder {
   }
 
   void ndOption(U8 type, U32 off, U32 len) {
-    std::ostream& o = line("  option", off);
+    DecodeOut& o = line("  option", off);
     switch (type) {
       case icmp6OptSrcLinkLayerAddr:
       case icmp6OptTgtLinkLayerAddr:
@@ -500,31 +602,39 @@ class Decoder {
   }
 
   Brio::Ptr<Pkt> pkt_;
-  std::ostream& out_;
+  DecodeOut& out_;
   U32 bytes_;
   bool valid_ = true;
 };
 
 // The receive-path checks, each on its own copy: they may zero checksum fields.
-bool sanityChecks(std::string const& frame, std::ostream& out) {
+bool sanityChecks(std::string const& frame, std::ostream& out, nlohmann::json* json) {
   auto copy = [&] {
     Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
     pkt->stringValueIs(Brio::String(frame));
     return pkt;
   };
   auto report = [&](char const* name, PktErrors e) {
-    out << "  " << name << ": " << int(e) << " (" << pktErrorsName(e) << ")\n";
+    if (json) {
+      (*json)["checks"][name] = pktErrorsName(e);
+    } else {
+      out << "  " << name << ": " << int(e) << " (" << pktErrorsName(e) << ")\n";
+    }
     return e == noError;
   };
   U16 const type = frame.size() >= 14 ? static_cast<U16>(U8(frame[12]) << 8 | U8(frame[13])) : 0;
-  out << "checks:\n";
+  if (json) {
+    (*json)["checks"] = nlohmann::json::object();
+  } else {
+    out << "checks:\n";
+  }
   EthHdr* eth = nullptr;
   if (type == ethTypeIp) {
     IpHdr* ip = nullptr;
     return report("checkEthIpHdr", checkEthIpHdr(copy(), eth, ip));
   }
   if (type != ethTypeIp6) {
-    out << "  none apply: the checks read untagged IPv4 and IPv6 frames\n";
+    if (!json) out << "  none apply: the checks read untagged IPv4 and IPv6 frames\n";
     return true;
   }
   Brio::Ptr<Pkt> pkt = copy();
@@ -539,8 +649,11 @@ bool sanityChecks(std::string const& frame, std::ostream& out) {
     Icmp6OptionCommonHdr* opt = nullptr;
     PktErrors const e = getIcmp6Opt(ip6, icmp6, opt, type);
     if (e == icmp6TypeNotSupported) break;
-    ok = report((std::string("getIcmp6Opt(") + name + ")").c_str(), e) && ok;
-    if (opt) out << "    found @" << reinterpret_cast<U8*>(opt) - pkt->frontData() << "\n";
+    std::string const check = std::string("getIcmp6Opt(") + name + ")";
+    ok = report(check.c_str(), e) && ok;
+    long const at = opt ? reinterpret_cast<U8*>(opt) - pkt->frontData() : -1;
+    if (opt && json) (*json)["checks"][check + " offset"] = at;
+    if (opt && !json) out << "    found @" << at << "\n";
   }
   return ok;
 }
@@ -566,17 +679,34 @@ std::string parseHex(std::vector<std::string> const& args) {
   return bytes;
 }
 
-bool describeFrame(std::string const& frame, std::ostream& out) {
+bool describeFrame(std::string const& frame, std::ostream& out, nlohmann::json* json) {
   Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
   pkt->stringValueIs(Brio::String(frame));
-  out << "frame: " << frame.size() << " bytes\n";
-  Decoder decoder(pkt, out);
+  nlohmann::json headers = nlohmann::json::array();
+  if (json) {
+    (*json)["bytes"] = frame.size();
+  } else {
+    out << "frame: " << frame.size() << " bytes\n";
+  }
+  DecodeOut sink(out, json ? &headers : nullptr);
+  Decoder decoder(pkt, sink);
   decoder.ethernet(0);
-  bool const checks = sanityChecks(frame, out);
+  if (json) (*json)["headers"] = std::move(headers);
+  bool const checks = sanityChecks(frame, out, json);
+  if (json) (*json)["valid"] = decoder.allValid() && checks;
   return decoder.allValid() && checks;
 }
 
-int packetCommand(Args const& args, std::ostream& out, std::ostream& err) {
+void packetHelp(std::ostream& out) {
+  out << "\n  HEX     the frame's bytes as hex digits; \"0x\" prefixes, ':', '-', '.' and blanks\n"
+         "          between them are allowed, and the frame may be split over several words\n"
+         "  --json  one JSON object for the frame: bytes, headers (each with its offset and\n"
+         "          fields), checks and valid\n";
+}
+
+int packetCommand(Args const& argsGiven, std::ostream& out, std::ostream& err) {
+  Args args = argsGiven;
+  bool const json = jsonFlagTake(args);
   if (args.empty()) throw UsageError("missing HEX");
   std::string frame;
   try {
@@ -589,7 +719,11 @@ int packetCommand(Args const& args, std::ostream& out, std::ostream& err) {
     err << "corvid packet: frame of " << frame.size() << " bytes is too long\n";
     return 1;
   }
-  return describeFrame(frame, out) ? 0 : 1;
+  if (!json) return describeFrame(frame, out) ? 0 : 1;
+  nlohmann::json object;
+  bool const ok = describeFrame(frame, out, &object);
+  out << jsonLine(object) << "\n";
+  return ok ? 0 : 1;
 }
 
 }  // namespace CorvidTool

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -9,8 +10,9 @@ namespace CorvidTool {
 
 // Prints every header of an Ethernet frame, runs the receive-path sanity
 // checks and reports checksum validity. Returns false when anything in the
-// frame is malformed or a check fails.
-bool describeFrame(std::string const& frame, std::ostream& out);
+// frame is malformed or a check fails. Given a JSON object, fills it (bytes,
+// headers, checks, valid) instead of printing.
+bool describeFrame(std::string const& frame, std::ostream& out, nlohmann::json* json = nullptr);
 
 // Bytes from hex words ("0x" prefixes and ':', '-', '.' separators allowed);
 // raises std::invalid_argument on anything else.

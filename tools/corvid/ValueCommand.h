@@ -13,21 +13,28 @@
 #include <Brio/TextForm.h>
 
 #include <iosfwd>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
 
 namespace CorvidTool {
 
+// Where a row's facts go: "  name: value" lines, or, given a JSON object,
+// its "text" and "strep" members and its "facts" object (flags as booleans,
+// hashes as numbers).
 class ValueReport {
  public:
-  explicit ValueReport(std::ostream& out) : out_(out) {}
+  explicit ValueReport(std::ostream& out, nlohmann::json* json = nullptr) : out_(out), json_(json) {}
   void line(std::string const& name, std::string const& value);
-  void flag(std::string const& name, bool value) { line(name, value ? "true" : "false"); }
+  void flag(std::string const& name, bool value);
   void hash(std::string const& name, unsigned long value);
 
  private:
+  nlohmann::json& member(std::string const& name);
+
   std::ostream& out_;
+  nlohmann::json* json_;
 };
 
 struct ValueType {

@@ -44,6 +44,7 @@ int main(int argc, char** argv) {
     CorvidTool::Args args(argv + 2, argv + argc);
     if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
       std::cout << "usage: corvid " << c.synopsis << "\n" << c.summary << "\n";
+      if (c.help) c.help(std::cout);
       return 0;
     }
     try {

@@ -1,0 +1,251 @@
+// The kernel namespace list against the real /var/run/netns: namespaces made
+// and removed with iproute2 (and by hand, with a bare file and a bind mount)
+// must appear in and leave the tree on the activity loop. Other programs may
+// make namespaces while these tests run, so every check is about this test's
+// own uniquely named entries, each removed by its guard also on failure.
+#include <Corvid/KernelNetNsInfo.h>
+#include <Corvid/NetnsUtils.h>
+#include <Glimmer/Glimmer.h>
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/NetnsScope.h"
+
+using namespace KernelNetNsInfo;
+using Corvid::NamespaceName;
+using CorvidTest::NamedNetns;
+using CorvidTest::sh;
+
+namespace {
+
+// Slack over the one-second retry for a loaded machine.
+constexpr F64 joinTimeout = 2.5;
+
+std::string pathOf(std::string const& name) { return std::string(Corvid::NS_RUN_DIR) + "/" + name; }
+
+U32 inodeOf(std::string const& name) {
+  struct stat st;
+  return stat(pathOf(name).c_str(), &st) == 0 ? static_cast<U32>(st.st_ino) : 0;
+}
+
+// Removes what a test left at run-directory paths (FIFOs, links), on top of
+// NamedNetns's own `ip netns del`.
+struct EntryGuard {
+  ~EntryGuard() {
+    for (auto const& p : paths) sh("rm -rf '" + p + "'");
+  }
+  std::vector<std::string> paths;
+};
+
+// Records which of the test's names were announced through Root's notifiees.
+class RootRecorder : public Root::Notifiee {
+ public:
+  void handleNetNsByName(NamespaceName const& name) override {
+    events.push_back((notifier()->netNsByName(name) ? "+" : "-") + name.value().str());
+  }
+  std::vector<std::string> events;
+};
+
+class KernelNetNsInfoTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to make network namespaces";
+    ASSERT_TRUE(Corvid::mkNsRunDir());
+  }
+  void start() {
+    root = rootFactory("root");
+    recorder.notifierIs(root);
+    manager = managerFactory("kni", root);
+  }
+  bool inTree(std::string const& name) const { return root->netNsByName(NamespaceName(name.c_str())) != nullptr; }
+  bool parked(std::string const& name) const { return manager->crudFile(NamespaceName(name.c_str())); }
+  bool runUntil(std::function<bool()> const& p, F64 timeout = joinTimeout) { return loop.runUntil(p, timeout); }
+  // Both collections hold one node for `name`, under the inode of its file.
+  void expectNode(std::string const& name) {
+    auto node = root->netNsByName(NamespaceName(name.c_str()));
+    ASSERT_NE(node, nullptr) << name;
+    EXPECT_EQ(node->ifName().value().str(), name);
+    EXPECT_EQ(node->inode(), inodeOf(name));
+    EXPECT_EQ(root->netNs(inodeOf(name)), node);
+  }
+
+  Brio::ActivityManager loop;
+  Brio::Ptr<Root> root;
+  Brio::Ptr<Manager> manager;
+  RootRecorder recorder;
+};
+
+}  // namespace
+
+TEST_F(KernelNetNsInfoTest, StartupListingPicksUpExistingNamespacesAndParksBareFiles) {
+  NamedNetns ns("kni");
+  ASSERT_TRUE(ns.ok());
+  NamedNetns bare("kni", false);
+  ASSERT_EQ(sh("touch " + pathOf(bare.name())), 0);
+  int const descriptors = CorvidTest::openDescriptors();
+  start();
+  EXPECT_TRUE(manager->initialized());
+  ASSERT_NE(manager->inotifyWatcher(), nullptr);
+  expectNode(ns.name());
+  EXPECT_FALSE(parked(ns.name()));
+  EXPECT_TRUE(parked(bare.name()));
+  EXPECT_FALSE(inTree(bare.name()));
+  EXPECT_TRUE(manager->clockRunning());
+  recorder.notifierIs(nullptr);
+  manager = nullptr;
+  EXPECT_EQ(CorvidTest::openDescriptors(), descriptors) << "the inotify descriptor must go with the manager";
+  EXPECT_EQ(loop.clocks(), 0u);
+}
+
+TEST_F(KernelNetNsInfoTest, FollowsIpNetnsAddAndDelAndTellsRootsNotifiees) {
+  start();
+  NamedNetns ns("kni", false);
+  ASSERT_EQ(sh("ip netns add " + ns.name()), 0);
+  EXPECT_TRUE(runUntil([&] { return inTree(ns.name()); })) << "not in the tree after " << joinTimeout << " s";
+  expectNode(ns.name());
+  EXPECT_FALSE(parked(ns.name()));
+  U32 const inode = inodeOf(ns.name());
+
+  ASSERT_EQ(sh("ip netns del " + ns.name()), 0);
+  EXPECT_TRUE(runUntil([&] { return !inTree(ns.name()); }, 1.0));
+  EXPECT_EQ(root->netNs(inode), nullptr);
+  std::vector<std::string> ours;
+  for (auto const& e : recorder.events) {
+    if (e.substr(1) == ns.name()) ours.push_back(e);
+  }
+  EXPECT_EQ(ours, (std::vector<std::string>{"+" + ns.name(), "-" + ns.name()}));
+}
+
+TEST_F(KernelNetNsInfoTest, BareFileIsParkedAndJoinsOnceANamespaceIsBindMountedOntoIt) {
+  start();
+  NamedNetns ns("kni", false);
+  ASSERT_EQ(sh("touch " + pathOf(ns.name())), 0);
+  ASSERT_TRUE(runUntil([&] { return parked(ns.name()); }, 1.0));
+  EXPECT_FALSE(inTree(ns.name()));
+  EXPECT_TRUE(manager->clockRunning());
+  loop.runUntil([] { return false; }, 1.3);  // a retry that still finds a bare file must re-arm
+
+  ASSERT_EQ(sh("unshare --net mount --bind /proc/self/ns/net " + pathOf(ns.name())), 0);
+  EXPECT_TRUE(runUntil([&] { return inTree(ns.name()); })) << "not in the tree after " << joinTimeout << " s";
+  expectNode(ns.name());
+  EXPECT_FALSE(parked(ns.name()));
+  EXPECT_TRUE(runUntil([&] { return !manager->clockRunning(); })) << "nothing is parked: the clock must stop";
+}
+
+TEST_F(KernelNetNsInfoTest, EntriesThatCanNeverBeNamespacesAreDroppedWithoutBlocking) {
+  NamedNetns fifo("kni", false), dangling("kni", false);
+  std::string const longName = "corvid-kni-" + std::to_string(getpid()) + "-" + std::string(180, 'x');
+  EntryGuard guard{{pathOf(fifo.name()), pathOf(dangling.name()), pathOf(longName)}};
+  struct Case {
+    std::string name;
+    std::string make;
+  } const cases[] = {
+      // Opening a FIFO for reading would block the loop for good.
+      {fifo.name(), "mkfifo " + pathOf(fifo.name())},
+      {dangling.name(), "ln -s /nonexistent/corvid " + pathOf(dangling.name())},
+      // Longer than a NamespaceName may be.
+      {longName, "touch " + pathOf(longName)},
+  };
+  ASSERT_EQ(sh(cases[0].make), 0);  // one present at start-up, the rest seen through inotify
+  // Should the manager open the FIFO after all, a writer frees it after 3 s:
+  // the test then fails instead of hanging.
+  std::atomic<bool> rescued{false};
+  std::jthread watchdog([&](std::stop_token stop) {
+    for (int i = 0; i < 60 && !stop.stop_requested(); ++i) usleep(50000);
+    int fd = stop.stop_requested() ? -1 : open(pathOf(fifo.name()).c_str(), O_WRONLY | O_NONBLOCK);
+    rescued = fd >= 0;
+    if (fd >= 0) close(fd);
+  });
+  start();
+  for (std::size_t i = 1; i < std::size(cases); ++i) ASSERT_EQ(sh(cases[i].make), 0) << cases[i].make;
+  NamedNetns marker("kni");  // made after them: once it is in, they have all been handled
+  ASSERT_TRUE(marker.ok());
+  ASSERT_TRUE(runUntil([&] { return inTree(marker.name()); }));
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.make);
+    if (c.name.size() <= NamespaceName::maxLength) {
+      EXPECT_FALSE(inTree(c.name));
+      EXPECT_FALSE(parked(c.name));
+    }
+    for (auto const& e : recorder.events) EXPECT_NE(e.substr(1), c.name);
+  }
+  watchdog.request_stop();
+  watchdog.join();
+  EXPECT_FALSE(rescued) << "the manager blocked opening a FIFO";
+}
+
+TEST_F(KernelNetNsInfoTest, OneNamespaceUnderTwoNamesStaysUntilItsLastNameGoes) {
+  NamedNetns first("kni");
+  ASSERT_TRUE(first.ok());
+  NamedNetns second("kni", false);
+  start();
+  ASSERT_EQ(sh("touch " + pathOf(second.name()) + " && mount --bind " + pathOf(first.name()) + " " +
+               pathOf(second.name())),
+            0);
+  ASSERT_TRUE(runUntil([&] { return inTree(second.name()); }));
+  U32 const inode = inodeOf(first.name());
+  ASSERT_EQ(inodeOf(second.name()), inode);
+  EXPECT_EQ(root->netNsByName(NamespaceName(second.name().c_str())), root->netNs(inode));
+
+  ASSERT_EQ(sh("ip netns del " + second.name()), 0);
+  ASSERT_TRUE(runUntil([&] { return !inTree(second.name()); }, 1.0));
+  ASSERT_NE(root->netNs(inode), nullptr) << "still mounted under " << first.name();
+  EXPECT_EQ(root->netNs(inode)->ifName().value().str(), first.name());
+
+  ASSERT_EQ(sh("ip netns del " + first.name()), 0);
+  ASSERT_TRUE(runUntil([&] { return !inTree(first.name()); }, 1.0));
+  EXPECT_EQ(root->netNs(inode), nullptr);
+}
+
+TEST_F(KernelNetNsInfoTest, DeletingAParkedNameDropsItFromCrudFileAndEachStepIsTraced) {
+  Glimmer::enable("Corvid", 5);
+  Glimmer::Capture capture;
+  NamedNetns ns("kni", false);
+  start();
+  ASSERT_EQ(sh("touch " + pathOf(ns.name())), 0);
+  ASSERT_TRUE(runUntil([&] { return parked(ns.name()); }, 1.0));
+  ASSERT_TRUE(runUntil([&] { return capture.contains("Manager::handleTimer Stopping timer"); }));
+  ASSERT_EQ(unlink(pathOf(ns.name()).c_str()), 0);
+  EXPECT_TRUE(runUntil([&] { return !parked(ns.name()); }, 1.0));
+  EXPECT_TRUE(runUntil([&] { return !manager->clockRunning(); })) << "the pending retry must find nothing to try";
+  EXPECT_FALSE(inTree(ns.name()));
+  Glimmer::enable("Corvid", -1);
+  std::string const n = ns.name();
+  // Not "Starting timer for": a bare entry another test left parked at the
+  // same moment may have started the timer already (it runs once for all).
+  for (std::string text : {std::string("Adding existing net namespaces"), "inotify filename '" + n + "' changed: 256",
+                           "inotify filename '" + n + "' changed: 512", "Adding " + n + " to root",
+                           "Manager::addNetNsToRoot crud file add " + n,
+                           "Deleting " + n + " from root",
+                           "Manager::deleteNetNsFromRoot netns delete " + n,
+                           "Manager::deleteNetNsFromRoot crud file delete " + n}) {
+    EXPECT_TRUE(capture.contains(text)) << text;
+  }
+}
+
+TEST(KernelNetNsInfoDeathTest, ManagerOverANonEmptyRootIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  Brio::ActivityManager loop;
+  struct Case {
+    char const* what;
+    void (*fill)(Root*);
+    char const* message;
+  } const cases[] = {
+      {"a node by inode", [](Root* r) { r->netNsIs(1); }, "root\\(\\)->netNss\\(\\) == 0"},
+      {"a node by name only", [](Root* r) { r->netNsByNameIs(NamespaceName("x"), Brio::makePtr<Node>(1)); },
+       "root\\(\\)->netNsByNames\\(\\) == 0"},
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto r = rootFactory("root");
+    c.fill(r.ptr());
+    EXPECT_DEATH(managerFactory("kni", r), c.message);
+  }
+}
