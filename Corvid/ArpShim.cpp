@@ -101,22 +101,28 @@ NeighborDir* ArpShimSm::vrfDir(Brio::String const& name, bool create) {
   return arpVrfStatusDir_->vrfStatusIs(name).ptr();
 }
 
-void ArpShimSm::addArpOrNeighEntry(Table::ArpEntry const& entry, bool isArp) {
-  GLIMMER_TRACE(tr, lvShim, __PRETTY_FUNCTION__ << " arp entry: " << entry);
+bool ArpShimSm::mirrored(Table::ArpKey const& key, bool isArp, Brio::String* vrfName) const {
   if (!familyWanted(isArp)) {
     GLIMMER_TRACE(tr, lvShim, "  don't care about this IP version");
-    return;
+    return false;
   }
-  Table::ArpKey const& key = entry.key();
-  Brio::String const vrfName = vrfIdReverseMapper_->vrfIdToNameCache(key.vrfId());
-  if (vrfName.empty()) {
+  *vrfName = vrfIdReverseMapper_->vrfIdToNameCache(key.vrfId());
+  if (vrfName->empty()) {
     GLIMMER_TRACE(tr, lvShim, "  can't find vrf name for vrf id: " << key.vrfId());
-    return;
+    return false;
   }
-  if (!isVrfOfInterest(vrfName)) {
-    GLIMMER_TRACE(tr, lvShim, " update not for vrf of interest: " << vrfName);
-    return;
+  if (!isVrfOfInterest(*vrfName)) {
+    GLIMMER_TRACE(tr, lvShim, " update not for vrf of interest: " << *vrfName);
+    return false;
   }
+  return true;
+}
+
+void ArpShimSm::addArpOrNeighEntry(Table::ArpEntry const& entry, bool isArp) {
+  GLIMMER_TRACE(tr, lvShim, __PRETTY_FUNCTION__ << " arp entry: " << entry);
+  Table::ArpKey const& key = entry.key();
+  Brio::String vrfName;
+  if (!mirrored(key, isArp, &vrfName)) return;
   NeighborDir* dir = vrfDir(vrfName, true);
   Brio::Ptr<ArpIntfStatus> intf(dir->arpIntfStatus(key.intfId()));
   if (!intf) {
@@ -134,19 +140,8 @@ void ArpShimSm::addArpOrNeighEntry(Table::ArpEntry const& entry, bool isArp) {
 
 void ArpShimSm::delArpOrNeighEntry(Table::ArpKey const& key, bool isArp) {
   GLIMMER_TRACE(tr, lvShim, __PRETTY_FUNCTION__ << " key: " << key);
-  if (!familyWanted(isArp)) {
-    GLIMMER_TRACE(tr, lvShim, "  don't care about this IP version");
-    return;
-  }
-  Brio::String const vrfName = vrfIdReverseMapper_->vrfIdToNameCache(key.vrfId());
-  if (vrfName.empty()) {
-    GLIMMER_TRACE(tr, lvShim, "  can't find vrf name for vrf id: " << key.vrfId());
-    return;
-  }
-  if (!isVrfOfInterest(vrfName)) {
-    GLIMMER_TRACE(tr, lvShim, " update not for vrf of interest: " << vrfName);
-    return;
-  }
+  Brio::String vrfName;
+  if (!mirrored(key, isArp, &vrfName)) return;
   NeighborDir* dir = vrfDir(vrfName, false);
   ArpIntfStatus* intf = dir ? dir->arpIntfStatus(key.intfId()) : nullptr;
   if (!intf) {

@@ -94,6 +94,9 @@ class ArpShimSm : public Brio::PtrInterface {
   // The NeighborDir that holds a VRF's interfaces, made when `create`.
   NeighborDir* vrfDir(Brio::String const& name, bool create);
   bool familyWanted(bool isArp) const { return isArp ? v4_ : v6_; }
+  // The family, naming and interest checks an entry passes to be mirrored
+  // (each refusal traced); the VRF's name when it does.
+  bool mirrored(Table::ArpKey const& key, bool isArp, Brio::String* vrfName) const;
 
   Brio::Ptr<Table::Status> arpShoal_;
   Brio::Ptr<Vrf::VrfIdMap::Status> vrfIdMap_;
