@@ -48,3 +48,7 @@
 #include <neighbor/ProactiveArp.h>
 #include <neighbor/MonitoredNexthop.h>
 #include <neighbor/RibNextHop.h>
+#include <Corvid/TcpFd.h>
+#include <Corvid/TcpClientServer.h>
+#include <Corvid/TcpPduPam.h>
+#include <Corvid/SimpleTcpPduPam.h>

@@ -64,6 +64,10 @@ int main() {
   Arp::ArpPublisher const* noPublisher = nullptr;
   out << " " << dir->vrfStatuses().size() << " " << static_cast<int>(Arp::NeighState::permanent) << !noPublisher
       << Arp::MonitoredNexthop::Entry() << Arp::RibNextHop::Entry() << Arp::ProactiveArp::Entry();
+  // TCP and the PDU endpoint.
+  Brio::Ptr<Corvid::TcpFileDescriptor> tcpFd;
+  Brio::Ptr<Corvid::SimpleTcpPduPam> pduPam;
+  out << " " << Corvid::TcpSocketOptions(3) << !tcpFd << !pduPam;
   std::cout << "outside program ok " << out.str() << "\n";
   return 0;
 }

@@ -12,6 +12,7 @@ int vrfCommand(Args const& args, std::ostream& out, std::ostream& err);
 int watchCommand(Args const& args, std::ostream& out, std::ostream& err);
 int arpCommand(Args const& args, std::ostream& out, std::ostream& err);
 int netnsCommand(Args const& args, std::ostream& out, std::ostream& err);
+int pduCommand(Args const& args, std::ostream& out, std::ostream& err);
 void valueHelp(std::ostream& out);
 void packetHelp(std::ostream& out);
 void captureHelp(std::ostream& out);
@@ -46,6 +47,8 @@ std::vector<Command> const& commands() {
        "print or follow the shared neighbour table, or install and remove IPv6 neighbours in the kernel", arpCommand},
       {"netns", "netns (list [--json] | add NAME | del NAME)",
        "list, create or delete named network namespaces (the ones `ip netns` uses)", netnsCommand},
+      {"pdu", "pdu (serve --listen ADDR:PORT | send --to ADDR:PORT [--count N] [--size B]) [--ns NAME] [--md5 PEER/LEN=KEY] [--json]",
+       "echo PDUs over TCP (serve), or send PDUs and check their echo (send), with optional MD5 keys", pduCommand},
   };
   return table;
 }

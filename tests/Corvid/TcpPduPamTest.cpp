@@ -1,0 +1,431 @@
+// The PDU endpoint on a real loopback TCP connection in the test's own
+// namespace: framing cases in every read mode, partial writes against a slow
+// reader, deferred one-direction modes, keepalive read back, descriptors.
+#include <Brio/ActivityManager.h>
+#include <Corvid/SimpleTcpPduPam.h>
+#include <Glimmer/Glimmer.h>
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "support/NetnsScope.h"
+
+using namespace Corvid;
+using CorvidTest::NetnsScope;
+using Mode = TcpPduPamEnableMode;
+
+namespace {
+
+std::string pdu(U32 length, char fill = 'x') {
+  std::string s(length < 20 ? 20 : length, fill);
+  for (int i = 0; i < 20; ++i) s[i] = static_cast<char>(i);
+  s[2] = static_cast<char>(length >> 8);
+  s[3] = static_cast<char>(length);
+  return s;
+}
+
+// A connected loopback pair: `ours` for the endpoint, `peer` for the test.
+struct Pair {
+  Pair() {
+    int l = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(l, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    listen(l, 1);
+    socklen_t len = sizeof a;
+    getsockname(l, reinterpret_cast<sockaddr*>(&a), &len);
+    peer = socket(AF_INET, SOCK_STREAM, 0);
+    connect(peer, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    ours = accept(l, nullptr, nullptr);
+    close(l);
+    int one = 1;
+    setsockopt(peer, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  }
+  ~Pair() {
+    if (peer >= 0) close(peer);
+  }
+  void send(std::string const& bytes) const { ASSERT_EQ(::send(peer, bytes.data(), bytes.size(), 0), ssize_t(bytes.size())); }
+  int ours = -1;
+  int peer = -1;
+};
+
+// Owner as agents write them: drains on every readableCount change.
+class Owner : public TcpPduPam::Notifiee {
+ public:
+  explicit Owner(Brio::Ptr<TcpPduPam> const& p) : Notifiee(p), pam_(p.ptr()) {}
+  void handleReadableCount() override {
+    while (auto pkt = pam_->rxPkt()) got.push_back(pkt->stringValue().str());
+  }
+  void handleRxErrorReason() override { error = pam_->rxErrorReason().str(); }
+  std::vector<std::string> got;
+  std::string error;
+
+ private:
+  TcpPduPam* pam_;
+};
+
+class TcpPduPamTest : public ::testing::Test {
+ protected:
+  void SetUp() override { CORVID_REQUIRE_NETNS(ns_); }
+  Brio::Ptr<SimpleTcpPduPam> endpoint(int fd, bool edge) {
+    return simpleTcpPduPamFactory(tcpFileDescriptorFactory(fd, edge), tcpFileDescriptorEventRegistrationFactoryBrioc());
+  }
+  void turns(int n = 5) {
+    for (int i = 0; i < n; ++i) am_.runOnce(0.002);
+  }
+  NetnsScope ns_;
+  Brio::ActivityManager am_;
+};
+
+struct FramingCase {
+  char const* name;
+  std::vector<std::string> chunks;  // written one at a time, the loop running between
+  bool closeAfter;
+  std::vector<std::string> pdus;
+  char const* error;
+};
+
+std::vector<std::string> bytesOf(std::string const& s, std::size_t step) {
+  std::vector<std::string> out;
+  for (std::size_t i = 0; i < s.size(); i += step) out.push_back(s.substr(i, step));
+  return out;
+}
+
+std::vector<FramingCase> framingCases() {
+  std::string const big = pdu(5000, 'b');
+  std::string tooBig = pdu(20);
+  tooBig[2] = char(9601 >> 8);
+  tooBig[3] = char(9601 & 0xff);
+  std::string tooSmall = pdu(20);
+  tooSmall[3] = 5;
+  return {
+      {"the 20-byte PDU", {pdu(20)}, false, {pdu(20)}, ""},
+      {"byte at a time", bytesOf(pdu(30, 'a'), 1), false, {pdu(30, 'a')}, ""},
+      {"split over many segments", bytesOf(big, 100), false, {big}, ""},
+      {"several in one segment", {pdu(21, 'c') + pdu(20) + pdu(300, 'd')}, false, {pdu(21, 'c'), pdu(20), pdu(300, 'd')}, ""},
+      {"largest allowed", {pdu(9600, 'm')}, false, {pdu(9600, 'm')}, ""},
+      {"length too big", {pdu(20, 'z') + tooBig}, false, {pdu(20, 'z')}, "PDU length too big"},
+      {"length below the header", {tooSmall + pdu(40)}, false, {}, "PDU length too small"},
+      {"peer closes mid-PDU", {pdu(25), pdu(100).substr(0, 50)}, true, {pdu(25)}, "Connection closed by peer"},
+      {"peer closes mid-header", {pdu(25).substr(0, 7)}, true, {}, "Connection closed by peer"},
+  };
+}
+
+TEST_F(TcpPduPamTest, FramingInEveryReadMode) {
+  for (bool edge : {false, true}) {
+    for (bool ahead : {false, true}) {
+      for (auto const& c : framingCases()) {
+        Pair pair;
+        auto pam = endpoint(pair.ours, edge);
+        pam->readAheadIs(ahead);
+        Owner owner(pam);
+        pam->enabledIs(true);
+        for (auto const& chunk : c.chunks) {
+          pair.send(chunk);
+          turns(2);
+        }
+        if (c.closeAfter) {
+          close(pair.peer);
+          pair.peer = -1;
+        }
+        am_.runUntil([&] { return owner.got.size() >= c.pdus.size() && (!*c.error || !owner.error.empty()); }, 2);
+        turns();
+        std::string const where = std::string(c.name) + (edge ? " edge" : " level") + (ahead ? " read-ahead" : "");
+        EXPECT_EQ(owner.got, c.pdus) << where;
+        EXPECT_EQ(owner.error, c.error) << where;
+        EXPECT_EQ(pam->rxErrors(), *c.error ? 1u : 0u) << where;
+        EXPECT_FALSE(pam->readable()) << where;
+      }
+    }
+  }
+}
+
+// More than one read-ahead buffer in one go, PDUs straddling its end, on an
+// edge-triggered descriptor: no event comes for bytes already waiting.
+TEST_F(TcpPduPamTest, ReadAheadCarriesPdusAcrossBufferFills) {
+  for (bool edge : {true, false}) {
+    Pair pair;
+    int big = 1 << 20;
+    setsockopt(pair.ours, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
+    auto pam = endpoint(pair.ours, edge);
+    pam->readAheadIs(true);
+    Owner owner(pam);
+    std::string burst;
+    std::vector<std::string> want;
+    for (int i = 0; i < 150; ++i) {
+      want.push_back(pdu(1000 + i, static_cast<char>('a' + i % 26)));
+      burst += want.back();
+    }
+    pair.send(burst);
+    usleep(20000);
+    pam->enabledIs(true);
+    am_.runUntil([&] { return owner.got.size() == want.size(); }, 3);
+    EXPECT_EQ(owner.got.size(), want.size()) << (edge ? "edge" : "level");
+    EXPECT_TRUE(owner.got == want) << (edge ? "edge" : "level");
+  }
+}
+
+TEST_F(TcpPduPamTest, ReadStepResultsOneByOne) {
+  Pair pair;
+  auto pam = endpoint(pair.ours, false);
+  pam->enabledIs(true);
+  pam->tcpPduFdSm()->fd()->enabledIs(false);  // the test drives the steps
+  pair.send(pdu(50).substr(0, 30));
+  turns();
+  EXPECT_EQ(pam->readFromSocket().result, TcpPduPamReadResult::readMoreData_);
+  EXPECT_EQ(pam->rxRemainingLength(), 30);
+  EXPECT_EQ(pam->readFromSocket().result, TcpPduPamReadResult::waitForMoreData_);
+  EXPECT_EQ(pam->rxRemainingLength(), 20);
+  pair.send(pdu(50).substr(30));
+  turns();
+  TcpPduPamReadReturn r = pam->readFromSocket();
+  EXPECT_EQ(r.result, TcpPduPamReadResult::fullPduRead_);
+  EXPECT_EQ(pam->rxPktHolderShadow()->stringValue().str(), pdu(50));
+  EXPECT_EQ(valueToStrep(r).str(), "Value('Corvid::TcpPduPamReadReturn', ** {'result': fullPduRead, 'reason': ''})");
+  EXPECT_EQ(Brio::strepToValue<TcpPduPamReadReturn>(valueToStrep(r)), r);
+}
+
+// A send buffer a reader drains slowly: writes go out in parts and must
+// arrive whole and in order.
+TEST_F(TcpPduPamTest, PartialWritesCompleteInOrder) {
+  Pair pair;
+  // A small send buffer only: a small receive window on loopback's large
+  // MSS would stall on zero-window probes instead.
+  int small = 4096;
+  setsockopt(pair.ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  fcntl(pair.peer, F_SETFL, O_NONBLOCK);
+  auto pam = endpoint(pair.ours, false);
+  pam->enabledIs(true);
+  std::string expected, received;
+  int partials = 0, sent = 0;
+  F64 const deadline = Brio::monotonicNow() + 10;
+  while (Brio::monotonicNow() < deadline && (sent < 40 || received.size() < expected.size() || !pam->writable())) {
+    if (pam->writable() && sent < 40) {
+      std::string bytes = pdu(3000 + 97 * sent, static_cast<char>('A' + sent % 26));
+      Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
+      if (sent % 2) {
+        // Header as private head bytes: two iovecs.
+        pkt->stringValueIs(bytes.substr(20));
+        pkt->newPrivateHeadData(20);
+        std::memcpy(pkt->privateBufferData(), bytes.data(), 20);
+      } else {
+        pkt->stringValueIs(bytes);
+      }
+      ASSERT_EQ(pkt->stringValue().str(), bytes);
+      pam->txPktIs(pkt);
+      pkt->rawByteIs(25, '!');  // the caller may reuse its packet at once
+      expected += bytes;
+      ++sent;
+      if (!pam->writable()) {
+        ++partials;
+        EXPECT_EQ(pam->txIovLenHolderShadow(), 1);
+        EXPECT_EQ(pam->txPktHolderShadow()->ioVecCount(), 1u);
+      }
+    }
+    char buf[700];  // the slow reader
+    ssize_t n = recv(pair.peer, buf, sizeof buf, 0);
+    if (n > 0) received.append(buf, static_cast<std::size_t>(n));
+    am_.runOnce(0.0005);
+  }
+  EXPECT_EQ(sent, 40);
+  EXPECT_GE(partials, 2);
+  EXPECT_EQ(received.size(), expected.size());
+  EXPECT_TRUE(received == expected) << "bytes reordered or lost";
+  EXPECT_EQ(pam->txErrors(), 0u);
+}
+
+TEST_F(TcpPduPamTest, SendInvariantsDeathTest) {
+  Pair pair;
+  int small = 4096;
+  setsockopt(pair.ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  auto pam = endpoint(pair.ours, false);
+  pam->enabledIs(true);
+  Brio::Ptr<Pkt> tooLong = globalPktManager()->newPkt();
+  tooLong->stringValueIs(pdu(9601));
+  EXPECT_DEATH(pam->txPktIs(tooLong), "pkt->sharedBuffer\\(\\)->dataBytes\\(\\) <= maxPduLength\\(\\)");
+  Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
+  pkt->stringValueIs(pdu(9000));
+  while (pam->writable()) pam->txPktIs(pkt);
+  EXPECT_DEATH(pam->txPktIs(pkt), "!txPktHolderShadow\\(\\)");
+  auto disabled = endpoint(dup(pair.ours), false);
+  Brio::Ptr<Pkt> small20 = globalPktManager()->newPkt();
+  small20->stringValueIs(pdu(20));
+  EXPECT_DEATH(disabled->txPktIs(small20), "writable\\(\\)");
+  auto noSocket = endpoint(-1, false);
+  noSocket->enabledIs(true);
+  EXPECT_DEATH(noSocket->keepaliveOptsIs(TcpKeepaliveOptions(1, 1, 1)), "keepaliveOpts\\(\\).enabled\\(\\) == false");
+  auto plain = tcpPduPamFactory(tcpFileDescriptorFactory(dup(pair.ours), false),
+                                tcpFileDescriptorEventRegistrationFactoryBrioc());
+  EXPECT_DEATH(plain->readFromSocket(), "0 && \"Need to implement getRemainingLength in a derived class\"");
+}
+
+TEST_F(TcpPduPamTest, OneDirectionModesWaitForTheHalfDonePdu) {
+  Pair pair;
+  auto pam = endpoint(pair.ours, false);
+  Owner owner(pam);
+  pam->enabledIs(true);
+  Glimmer::enable("Corvid", 5);
+  Glimmer::Capture trace;
+  // Half a PDU in: write-only waits for it.
+  pair.send(pdu(60).substr(0, 40));
+  turns();
+  pam->enableModeIs(Mode::tcpEnableModeWriteOnly_);
+  EXPECT_EQ(pam->enableMode(), Mode::tcpEnableModeReadWrite_);
+  EXPECT_EQ(pam->pendingEnableReadOnlyOrWriteOnlyMode(), Mode::tcpEnableModeWriteOnly_);
+  EXPECT_TRUE(trace.contains("Waiting for rxPkt before setting enabled to tcpEnableModeWriteOnly"));
+  pair.send(pdu(60).substr(40) + pdu(20));  // completes it, and one more behind
+  turns();
+  EXPECT_EQ(owner.got, std::vector<std::string>{pdu(60)});
+  EXPECT_EQ(pam->enableMode(), Mode::tcpEnableModeWriteOnly_);
+  EXPECT_EQ(pam->pendingEnableReadOnlyOrWriteOnlyMode(), Mode::tcpEnableModeNone_);
+  EXPECT_FALSE(pam->readable());  // nothing read in write-only
+
+  // Back to both, then a half-written packet makes read-only wait.
+  pam->enableModeIs(Mode::tcpEnableModeReadWrite_);
+  turns();
+  EXPECT_EQ(owner.got.size(), 2u);
+  int small = 4096;
+  setsockopt(pair.ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
+  pkt->stringValueIs(pdu(9000));
+  int sent = 0;
+  while (pam->writable()) {
+    pam->txPktIs(pkt);
+    ++sent;
+  }
+  // No loop turn from here until the drain: the send stays half done.
+  // A write-only request meanwhile, with data arriving: no new PDU is
+  // started, and nothing trips.
+  pam->enableModeIs(Mode::tcpEnableModeWriteOnly_);
+  EXPECT_TRUE(trace.contains("Waiting for txPkt before setting enabled to tcpEnableModeWriteOnly"));
+  pair.send(pdu(30));
+  usleep(20000);
+  pam->handleReadable();
+  EXPECT_FALSE(pam->readable());
+  EXPECT_TRUE(!pam->rxPktHolderShadow() || pam->rxPktHolderShadow()->bytes() == 0);  // nothing read
+  pam->enableModeIs(Mode::tcpEnableModeReadOnly_);
+  EXPECT_TRUE(trace.contains("Waiting for txPkt before setting enabled to tcpEnableModeReadOnly"));
+  EXPECT_EQ(pam->pendingEnableReadOnlyOrWriteOnlyMode(), Mode::tcpEnableModeReadOnly_);
+  std::string drained;
+  am_.runUntil([&] {
+    char buf[65536];
+    ssize_t n = recv(pair.peer, buf, sizeof buf, MSG_DONTWAIT);
+    if (n > 0) drained.append(buf, static_cast<std::size_t>(n));
+    return pam->enableMode() == Mode::tcpEnableModeReadOnly_;
+  }, 5);
+  EXPECT_EQ(pam->enableMode(), Mode::tcpEnableModeReadOnly_);
+  EXPECT_TRUE(trace.contains("pending txPkt complete, setting enabledMode to readOnly")) << trace.text();
+  EXPECT_FALSE(pam->writable());
+  turns();
+  EXPECT_EQ(owner.got.back(), pdu(30));
+  Glimmer::enable("Corvid", -1);
+}
+
+TEST_F(TcpPduPamTest, KeepaliveSettingsReadBack) {
+  Pair pair;
+  auto pam = endpoint(pair.ours, false);
+  auto opt = [&](int level, int name) {
+    int v = -1;
+    socklen_t len = sizeof v;
+    getsockopt(pair.ours, level, name, &v, &len);
+    return v;
+  };
+  pam->keepaliveOptsIs(TcpKeepaliveOptions(30, 5, 4));  // applied once enabled
+  EXPECT_EQ(opt(SOL_SOCKET, SO_KEEPALIVE), 0);
+  pam->enabledIs(true);
+  struct Case {
+    TcpKeepaliveOptions opts;
+    int keepalive, idle, interval, count;
+  } const cases[] = {
+      {{30, 5, 4}, 1, 30, 5, 4},
+      {{600, 60, 9}, 1, 600, 60, 9},
+      {{600, 0, 9}, 0, 600, 60, 9},  // any zero field switches keepalive off
+      {{0, 1, 1}, 0, 600, 60, 9},
+  };
+  for (auto const& c : cases) {
+    pam->keepaliveOptsIs(c.opts);
+    EXPECT_EQ(opt(SOL_SOCKET, SO_KEEPALIVE), c.keepalive) << c.opts;
+    EXPECT_EQ(opt(IPPROTO_TCP, TCP_KEEPIDLE), c.idle) << c.opts;
+    EXPECT_EQ(opt(IPPROTO_TCP, TCP_KEEPINTVL), c.interval) << c.opts;
+    EXPECT_EQ(opt(IPPROTO_TCP, TCP_KEEPCNT), c.count) << c.opts;
+  }
+  pam->keepaliveOptsIs(TcpKeepaliveOptions(30, 5, 1000));  // above the kernel's limit of 127
+  EXPECT_EQ(pam->tcpOptErrors(), 1u);
+  EXPECT_EQ(pam->tcpOptErrorReason().str(), "setsockopt() error while setting TCP_KEEPCNT: Invalid argument");
+  EXPECT_EQ(valueToStrep(TcpKeepaliveOptions(30, 5, 4)).str(),
+            "Value('Corvid::TcpKeepaliveOptions', ** {'idleTime': 30, 'probeInterval': 5, 'probeCount': 4})");
+}
+
+// An endpoint that scrambles its stream replaces only the socket hooks;
+// both read modes go through them.
+class XorPduPam : public SimpleTcpPduPam {
+ public:
+  XorPduPam(Brio::Ptr<TcpFileDescriptor const> const& fd)
+      : SimpleTcpPduPam(fd, tcpFileDescriptorEventRegistrationFactoryBrioc()) {}
+
+ protected:
+  int readPkt(Brio::Ptr<Pkt> const& pkt, U16 length) override {
+    int n = SimpleTcpPduPam::readPkt(pkt, length);
+    U8* p = pkt->sharedBuffer()->data() + pkt->sharedBuffer()->dataBytes() - length;
+    for (int i = 0; i < n; ++i) p[i] ^= 0x5a;
+    return n;
+  }
+};
+
+TEST_F(TcpPduPamTest, SocketHooksServeBothReadModes) {
+  for (bool ahead : {false, true}) {
+    Pair pair;
+    Brio::Ptr<XorPduPam> pam(new XorPduPam(tcpFileDescriptorFactory(pair.ours, false)));
+    pam->readAheadIs(ahead);
+    Owner owner(pam);
+    pam->enabledIs(true);
+    std::string wire = pdu(40, 'q') + pdu(20);
+    for (char& ch : wire) ch ^= 0x5a;
+    pair.send(wire);
+    am_.runUntil([&] { return owner.got.size() == 2; }, 2);
+    EXPECT_EQ(owner.got, (std::vector<std::string>{pdu(40, 'q'), pdu(20)})) << ahead;
+  }
+}
+
+TEST_F(TcpPduPamTest, ReadOnePktOnlyWaitsForTheOwner) {
+  Pair pair;
+  auto pam = endpoint(pair.ours, true);
+  pam->readOnePktOnlyIs(true);
+  Owner owner(pam);
+  pam->enabledIs(true);
+  pair.send(pdu(20, 'a') + pdu(20, 'b') + pdu(20, 'c'));
+  turns();
+  EXPECT_EQ(owner.got.size(), 1u);
+  pam->rxResume();
+  turns();
+  EXPECT_EQ(owner.got.size(), 2u);
+}
+
+TEST_F(TcpPduPamTest, NoDescriptorLeaksAfterEndpointTeardown) {
+  int const before = CorvidTest::openDescriptors();
+  {
+    Pair pair;
+    auto pam = endpoint(pair.ours, false);
+    Owner owner(pam);
+    pam->enabledIs(true);
+    pair.send(pdu(30));
+    am_.runUntil([&] { return !owner.got.empty(); }, 2);
+    close(pair.peer);
+    pair.peer = -1;
+    am_.runUntil([&] { return !owner.error.empty(); }, 2);
+    pam->cleanup();
+  }
+  EXPECT_EQ(CorvidTest::openDescriptors(), before);
+  EXPECT_EQ(am_.descriptors(), 0u);
+}
+
+}  // namespace

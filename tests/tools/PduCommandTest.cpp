@@ -1,0 +1,115 @@
+// `corvid pdu serve` and `corvid pdu send` as an operator runs them: two
+// real processes in the test's own namespace, progress lines checked.
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+#include <sstream>
+#include <string>
+
+#include "support/NetnsScope.h"
+#include "tools/ToolProcess.h"
+
+namespace {
+
+bool has(std::string const& text, std::string const& part) { return text.find(part) != std::string::npos; }
+
+int lineCount(std::string const& text, std::string const& part) {
+  std::istringstream in(text);
+  int n = 0;
+  for (std::string line; std::getline(in, line);) n += has(line, part);
+  return n;
+}
+
+// The JSON events printed, one object per line.
+std::vector<nlohmann::json> events(std::string const& text) {
+  std::vector<nlohmann::json> out;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) out.push_back(nlohmann::json::parse(line));
+  return out;
+}
+
+class PduCommand : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    CORVID_REQUIRE_NETNS(ns_);
+    ASSERT_EQ(access(CorvidTest::corvidBinary().c_str(), X_OK), 0) << "corvid is not built";
+  }
+  CorvidTest::NetnsScope ns_;
+};
+
+TEST_F(PduCommand, SendGetsEveryPduEchoedByServe) {
+  CorvidTest::ToolProcess server({"pdu", "serve", "--listen", "127.0.0.1:7301", "--count", "3", "--seconds", "20"});
+  usleep(300000);
+  CorvidTest::ToolResult sent =
+      CorvidTest::ToolProcess({"pdu", "send", "--to", "127.0.0.1:7301", "--count", "3", "--size", "100", "--json"})
+          .finish(20);
+  CorvidTest::ToolResult served = server.finish(20);
+  EXPECT_EQ(sent.status, 0) << sent.out << sent.err;
+  // connecting, connected, three echoes, then maybe the server's close, then done
+  std::vector<nlohmann::json> const ev = events(sent.out);
+  ASSERT_GE(ev.size(), 6u) << sent.out;
+  EXPECT_EQ(ev[0]["event"], "connecting");
+  EXPECT_EQ(ev[1]["event"], "connected");
+  EXPECT_EQ(ev[1]["connection"].get<std::string>().rfind("127.0.0.1 port ", 0), 0u);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(ev[2 + i], (nlohmann::json{{"event", "echo"}, {"pdu", i + 1}, {"bytes", 100}, {"match", true}}));
+  }
+  EXPECT_EQ(ev.back(), (nlohmann::json{{"event", "done"}, {"sent", 3}, {"echoed", 3}}));
+  EXPECT_EQ(served.status, 0) << served.err;
+  EXPECT_EQ(lineCount(served.out, "echoed bytes=100 from=127.0.0.1 port 7301 -> 127.0.0.1 port "), 3) << served.out;
+  EXPECT_TRUE(has(served.out, "accepted from=127.0.0.1:")) << served.out;
+}
+
+TEST_F(PduCommand, RefusedSendReportsReasonsRetriesAndTimeout) {
+  CorvidTest::ToolResult r =
+      CorvidTest::ToolProcess({"pdu", "send", "--to", "127.0.0.1:7302", "--timeout", "4", "--backoff", "2"}).finish(20);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(has(r.out, "failed reason=Connect (Connection refused) retryInterval=1 errors=1\n")) << r.out;
+  EXPECT_TRUE(has(r.out, "failed reason=Connect (Connection refused) retryInterval=2 errors=2\n")) << r.out;
+  EXPECT_TRUE(has(r.out, "timedout")) << r.out;
+  EXPECT_TRUE(has(r.err, "corvid pdu send: no connection: Connect (Connection refused)")) << r.err;
+}
+
+// The README's walk-through: an MD5-authenticated session between two named
+// namespaces joined by a veth pair.
+TEST_F(PduCommand, AuthenticatedSessionBetweenTwoNamespaces) {
+  CorvidTest::NamedNetns cli("pducli"), srv("pdusrv");
+  ASSERT_TRUE(cli.ok() && srv.ok());
+  ASSERT_EQ(CorvidTest::sh("ip link add vcli netns " + cli.name() + " type veth peer name vsrv netns " + srv.name()),
+            0);
+  ASSERT_EQ(cli.ip("addr add 10.1.0.1/24 dev vcli") | cli.ip("link set vcli up"), 0);
+  ASSERT_EQ(srv.ip("addr add 10.1.0.2/24 dev vsrv") | srv.ip("link set vsrv up"), 0);
+  CorvidTest::ToolProcess server({"pdu", "serve", "--ns", srv.name(), "--listen", "10.1.0.2:1790", "--md5",
+                                  "10.1.0.0/24=secret", "--count", "2", "--seconds", "20"});
+  usleep(300000);
+  CorvidTest::ToolResult wrong = CorvidTest::ToolProcess({"pdu", "send", "--ns", cli.name(), "--to", "10.1.0.2:1790",
+                                                          "--md5", "10.1.0.2=guess", "--timeout", "2"})
+                                     .finish(20);
+  EXPECT_EQ(wrong.status, 1) << wrong.out;
+  EXPECT_FALSE(has(wrong.out, "connected")) << wrong.out;
+  CorvidTest::ToolResult right = CorvidTest::ToolProcess({"pdu", "send", "--ns", cli.name(), "--to", "10.1.0.2:1790",
+                                                          "--md5", "10.1.0.2=secret", "--count", "2"})
+                                     .finish(20);
+  CorvidTest::ToolResult served = server.finish(20);
+  EXPECT_EQ(right.status, 0) << right.out << right.err;
+  EXPECT_TRUE(has(right.out, "done sent=2 echoed=2")) << right.out;
+  EXPECT_TRUE(has(served.out, "md5Keys=1")) << served.out;
+  EXPECT_EQ(lineCount(served.out, "accepted from=10.1.0.1:"), 1) << served.out;
+}
+
+TEST_F(PduCommand, BadCommandLinesExitTwo) {
+  for (auto const& args : std::vector<std::vector<std::string>>{
+           {"pdu"},
+           {"pdu", "serve"},
+           {"pdu", "send", "--to", "10.0.0.1"},
+           {"pdu", "send", "--to", "10.0.0.1:1", "--md5", "10.0.0.1"},
+           {"pdu", "send", "--to", "10.0.0.1:1", "--size", "19"},
+           {"pdu", "listen"},
+       }) {
+    CorvidTest::ToolResult r = CorvidTest::ToolProcess(args).finish(10);
+    EXPECT_EQ(r.status, 2) << args.size() << " " << r.err;
+  }
+}
+
+}  // namespace
