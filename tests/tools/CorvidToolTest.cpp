@@ -572,7 +572,8 @@ TEST_F(CorvidTool, Demo_RunsEveryStepAndLeavesNothingBehind) {
     EXPECT_TRUE(has(r.out, step)) << step;
   }
   for (char const* step : {"the kernel namespace list saw it appear", "watcher: neigh add",
-                           "received 3 on veth0", "vrf blue veth1 192.0.2.8", "  namespaces: ok\n",
+                           "received 3 on veth0", "vrf blue veth1 192.0.2.8", "done sent=3 echoed=3",
+                           "  TCP and PDUs: ok\n", "  namespaces: ok\n",
                            "  endpoints: ok\n", "  shared tables, neighbours: ok\n"}) {
     EXPECT_EQ(has(r.out, step), root) << step;
   }

@@ -215,6 +215,42 @@ Outcome endpoints(Context& c) {
   return received == 3 ? Outcome::ok : Outcome::failed;
 }
 
+// An MD5-authenticated TCP session between two scratch namespaces joined
+// by a veth pair, carrying SimpleTcpPduPam PDUs both ways: a child process
+// serves (echoing each PDU), this one sends and checks the echoes.
+Outcome tcp(Context& c) {
+  if (geteuid() != 0) return Outcome::needsRoot;
+  std::string const cli = c.scratch.name("cli"), srv = c.scratch.name("srv");
+  for (auto const& ns : {cli, srv}) {
+    Corvid::netNsAdd(ns.c_str());
+    c.scratch.namespaceIs(ns);
+  }
+  if (std::system(("ip link add vcli netns " + cli + " type veth peer name vsrv netns " + srv + " && ip -n " + cli +
+                   " addr add 10.77.0.1/24 dev vcli && ip -n " + srv + " addr add 10.77.0.2/24 dev vsrv && ip -n " +
+                   cli + " link set vcli up && ip -n " + srv + " link set vsrv up")
+                      .c_str()) != 0) {
+    return Outcome::failed;
+  }
+  c.out.flush();
+  pid_t const server = fork();
+  if (server == 0) {
+    std::ostringstream quiet;
+    _exit(runCommandLine({"pdu", "serve", "--ns", srv, "--listen", "10.77.0.2:1790", "--md5", "10.77.0.0/24=demo",
+                          "--count", "3", "--seconds", "10"},
+                         quiet, quiet));
+  }
+  c.scratch.childIs(server);
+  Args const send = {"pdu", "send", "--ns", cli, "--to", "10.77.0.2:1790", "--md5", "10.77.0.2=demo",
+                     "--count", "3", "--size", "200", "--timeout", "10"};
+  c.out << "$ corvid";
+  for (auto const& w : send) c.out << " " << w;
+  c.out << "\n";
+  std::ostringstream text;
+  int const rc = runCommandLine(send, text, text);
+  c.out << text.str();
+  return rc == 0 && text.str().find("echoed=3") != std::string::npos ? Outcome::ok : Outcome::failed;
+}
+
 // The mirror side of the neighbour step, in a child process: mounts the
 // tables as a reader, runs the shim and prints its status tree once whole.
 int shimChild(int out, std::size_t expected) {
@@ -312,6 +348,7 @@ int demoCommand(Args const& args, std::ostream& out, std::ostream& err) {
       {"packets", "Packets: a frame decoded through the header wrappers", packets},
       {"namespaces", "Namespaces and netlink: a scratch namespace, listed and watched", namespaces},
       {"endpoints", "Endpoints: frames over a veth pair inside the scratch namespace", endpoints},
+      {"TCP and PDUs", "TCP: an MD5-authenticated session between two namespaces, PDUs echoed both ways", tcp},
       {"shared tables, neighbours", "Shared tables: VRF ids and neighbours, mirrored by the shim in another process",
        neighbours},
   };
