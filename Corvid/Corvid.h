@@ -39,6 +39,15 @@
 #include <Corvid/NetlinkDecode.h>
 #include <Corvid/RtnlMirror.h>
 #include <Corvid/KernelNetNsInfo.h>
+#include <neighbor/ArpTypes.h>
+#include <neighbor/ArpTable.h>
+#include <neighbor/ArpStatus.h>
+#include <Corvid/ArpWrapper.h>
+#include <Corvid/ArpShim.h>
+#include <Corvid/ArpPublisher.h>
+#include <neighbor/ProactiveArp.h>
+#include <neighbor/MonitoredNexthop.h>
+#include <neighbor/RibNextHop.h>
 #include <Corvid/TcpFd.h>
 #include <Corvid/TcpClientServer.h>
 #include <Corvid/TcpPduPam.h>

@@ -30,6 +30,7 @@
 #include <string>
 
 #include "BenchRatio.h"
+#include "NetnsBenchSupport.h"
 
 namespace {
 
@@ -40,32 +41,10 @@ std::string const& benchNs() {
   return name;
 }
 
-int sh(std::string const& cmd) { return std::system(cmd.c_str()); }
+using CorvidBench::sh;
 
-// Writes an `ip -batch` file adding `count` permanent neighbours from `first`.
-std::string batchFile(int first, int count) {
-  std::string const path = "/tmp/" + benchNs() + "-" + std::to_string(first) + ".batch";
-  std::ofstream f(path);
-  for (int i = first; i < first + count; ++i) {
-    f << "neigh add 10." << (i >> 16 & 255) << '.' << (i >> 8 & 255) << '.' << (i & 255) << " lladdr 02:00:00:"
-      << std::hex << (i >> 16 & 255) << ':' << (i >> 8 & 255) << ':' << (i & 255) << std::dec
-      << " nud permanent dev veth0\n";
-  }
-  return path;
-}
-
-bool makeNamespace(std::string const& ns, int neighbours) {
-  sh("ip netns del " + ns + " 2>/dev/null");
-  if (sh("ip netns add " + ns + " && ip -n " + ns + " link add veth0 type veth peer name veth1 && ip -n " + ns +
-         " link set veth0 up") != 0) {
-    return false;
-  }
-  if (neighbours == 0) return true;
-  std::string const path = batchFile(1, neighbours);
-  bool const ok = sh("ip -n " + ns + " -batch " + path) == 0;
-  std::remove(path.c_str());
-  return ok;
-}
+std::string batchFile(int first, int count) { return CorvidBench::neighbourBatch(benchNs(), first, count); }
+bool makeNamespace(std::string const& ns, int neighbours) { return CorvidBench::makeNeighbourNamespace(ns, neighbours); }
 
 struct Counter : Corvid::NetlinkMessageCallback {
   Counter() : NetlinkMessageCallback("count") {}
@@ -95,22 +74,8 @@ void WatcherDump(benchmark::State& state) {
 }
 
 void BareRecvDump(benchmark::State& state) {
-  static char buf[32768];
   for (auto _ : state) {
-    int sd = Corvid::socketAt(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE, benchNs().c_str());
-    Corvid::sendNetlinkRequest(sd, 1, RTM_GETNEIGH);
-    U64 count = 0;
-    for (bool done = false; !done;) {
-      ssize_t n = recv(sd, buf, sizeof buf, 0);
-      if (n <= 0) break;
-      int len = static_cast<int>(n);
-      for (auto* h = reinterpret_cast<nlmsghdr*>(buf); NLMSG_OK(h, len); h = NLMSG_NEXT(h, len)) {
-        if (h->nlmsg_type == NLMSG_DONE) done = true;
-        count += h->nlmsg_type == RTM_NEWNEIGH;
-      }
-    }
-    close(sd);
-    if (count < kNeighbours) state.SkipWithError("incomplete dump");
+    if (CorvidBench::bareNeighbourDump(benchNs()) < kNeighbours) state.SkipWithError("incomplete dump");
   }
   state.SetItemsProcessed(state.iterations() * kNeighbours);
 }

@@ -104,6 +104,24 @@ class Entity : public PtrInterface {
     notify(handler, key);
     return true;
   }
+  // Collections of child entities: the child under `key`, made with
+  // make(key) and added (notifying handler) when absent.
+  template <class K, class V, class C, class N, class Make>
+  Ptr<V> childIs(std::map<K, Ptr<V>, C>& map, K const& key, void (N::*handler)(K const&), Make&& make) {
+    auto it = map.find(key);
+    if (it != map.end()) return it->second;
+    Ptr<V> child = make(key);
+    map.emplace(key, child);
+    notify(handler, key);
+    return child;
+  }
+  // The child under `key`, or null.
+  template <class K, class V, class C>
+  static V* childAt(std::map<K, Ptr<V>, C> const& map, K const& key) {
+    auto it = map.find(key);
+    return it == map.end() ? nullptr : it->second.ptr();
+  }
+
   template <class K, class V, class C, class N>
   void collectionDelAll(std::map<K, V, C>& map, void (N::*handler)(K const&)) {
     while (!map.empty()) {

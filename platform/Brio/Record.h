@@ -15,8 +15,16 @@
 // decayed result type is the field type, written with valueToStrep and read
 // with Brio::deserializeAttr. Reading builds the value with T(field...) in
 // declaration order unless the caller passes its own maker.
+//
+// The same field list gives the record's hash (each field's hash mixed in
+// order with Brio::Hash; see hash()) and its attribute-log form (the fields
+// in order), so a record stored in a shared table costs no hand-written
+// serialiser either. BRIO_VALUE_FIELD declares one field of a record type:
+// its storage, getter and Is setter.
 #pragma once
 
+#include <Brio/Hash.h>
+#include <Brio/NboAttrLog.h>
 #include <Brio/TextForm.h>
 
 #include <functional>
@@ -71,10 +79,49 @@ class Record {
     return read(pos, end, [](auto&&... a) { return T(std::forward<decltype(a)>(a)...); });
   }
 
+  // Brio::Hash(seed) over the fields in order: integers and enumerations
+  // as themselves, every other field by its own hash().
+  U32 hash(T const& v, U32 seed = 0) const {
+    Hash h(seed);
+    std::apply([&](auto const&... f) { (mixField(h, std::invoke(f.get, v)), ...); }, fields_);
+    return h.result();
+  }
+
+  // The attribute-log form: each field's, in order.
+  void attrLogWrite(NboAttrLog& log, T const& v) const {
+    std::apply(
+        [&](auto const&... f) {
+          using Brio::attrLogWrite;
+          (attrLogWrite(log, std::invoke(f.get, v)), ...);
+        },
+        fields_);
+  }
+  T attrLogRead(NboAttrLog& log) const {
+    Values values;
+    std::apply(
+        [&](auto&... value) {
+          using Brio::attrLogRead;
+          ((value = attrLogRead(log, static_cast<std::decay_t<decltype(value)>*>(nullptr))), ...);
+        },
+        values);
+    return std::make_from_tuple<T>(std::move(values));
+  }
+
  private:
   template <class F>
   using FieldType = std::decay_t<std::invoke_result_t<decltype(F::get), T const&>>;
   using Values = std::tuple<FieldType<Fields>...>;
+
+  template <class V>
+  static void mixField(Hash& h, V const& v) {
+    if constexpr (std::is_enum_v<V>) {
+      h.mix(static_cast<std::underlying_type_t<V>>(v));
+    } else if constexpr (std::is_integral_v<V>) {
+      h.mix(v);
+    } else {
+      h.mix(v.hash());
+    }
+  }
 
   template <std::size_t... I>
   void writeFields(std::string& out, T const& v, std::index_sequence<I...>) const {
@@ -111,6 +158,19 @@ constexpr Record<T, Fields...> record(char const* typeName, Fields... fields) {
 
 }  // namespace Brio
 
+// One field of a record type: storage `name_` (value-initialised, or from
+// the optional initialiser), getter `name()` and setter `nameIs(v)`.
+// Leaves the class in public access.
+#define BRIO_VALUE_FIELD(Type, name, ...)          \
+ public:                                           \
+  Type const& name() const { return name##_; }      \
+  void name##Is(Type v) { name##_ = std::move(v); } \
+                                                   \
+ private:                                          \
+  Type name##_{__VA_ARGS__};                        \
+                                                   \
+ public:
+
 // Declares valueToStrep, sequenceToValue and operator<< for a record type in
 // the current namespace, all driven by `recordObject`.
 #define BRIO_RECORD_TEXT_FORMS(Type, recordObject)                                           \
@@ -119,3 +179,9 @@ constexpr Record<T, Fields...> record(char const* typeName, Fields... fields) {
     return (recordObject).read(pos, end);                                                     \
   }                                                                                           \
   inline std::ostream& operator<<(std::ostream& os, Type const& v) { return os << valueToStrep(v); }
+
+// Declares attrLogWrite and attrLogRead for a record type in the current
+// namespace, from `recordObject`'s field list.
+#define BRIO_RECORD_ATTR_LOG(Type, recordObject)                                              \
+  inline void attrLogWrite(::Brio::NboAttrLog& log, Type const& v) { (recordObject).attrLogWrite(log, v); } \
+  inline Type attrLogRead(::Brio::NboAttrLog& log, Type*) { return (recordObject).attrLogRead(log); }

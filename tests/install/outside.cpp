@@ -52,6 +52,18 @@ int main() {
   Brio::Ptr<KernelNetNsInfo::Root> root = KernelNetNsInfo::rootFactory("outside");
   out << " " << Corvid::DEFAULT_NS << " " << !stay.ok() << nl.fd << " " << Corvid::RequestDumpState::rdsEnd << " "
       << (Corvid::decodeRtnl(&none).kind == Corvid::RtnlMessage::Kind::other) << !mirror << root->netNss();
+  // Shared tables, VRFs and neighbours.
+  auto vrfs = Vrf::VrfIdMap::Status::statusFactory("outside-vrfs");
+  vrfs->vrfIdToNameIs(Vrf::VrfIdMap::VrfEntry(Vrf::VrfIdMap::VrfId(3), "blue"));
+  auto arp = Arp::Table::Status::statusFactory("outside-arp", 4);
+  arp->arpEntryIs(Arp::Table::ArpEntry(Arp::Table::ArpKey(Vrf::VrfIdMap::VrfId(3), Corvid::IpGenAddr(Corvid::IpAddr(10, 0, 0, 1)),
+                                                          Corvid::IntfId("et1")),
+                                       Corvid::EthAddr(), true, Arp::ArpSource()));
+  auto dir = Arp::ArpVrfStatusDir::arpVrfStatusDirFactory("outside");
+  auto shim = Arp::arpShimSmFactory(arp, vrfs, "", true, true, Arp::NeighborDir::neighborDirFactory("s"), dir);
+  Arp::ArpPublisher const* noPublisher = nullptr;
+  out << " " << dir->vrfStatuses().size() << " " << static_cast<int>(Arp::NeighState::permanent) << !noPublisher
+      << Arp::MonitoredNexthop::Entry() << Arp::RibNextHop::Entry() << Arp::ProactiveArp::Entry();
   // TCP and the PDU endpoint.
   Brio::Ptr<Corvid::TcpFileDescriptor> tcpFd;
   Brio::Ptr<Corvid::SimpleTcpPduPam> pduPam;

@@ -2,6 +2,7 @@
 // operator or a script would, and checks stdout, stderr and the exit status
 // (0 success, 1 a value or frame that does not hold up, 2 a bad command line).
 #include <arpa/inet.h>
+#include <signal.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -555,13 +556,48 @@ TEST_F(CorvidToolInNamespace, SendTo_DeliversThePayloadToAnIndependentRawReceive
   EXPECT_EQ(U8(buf[9]), 253);
 }
 
-TEST_F(CorvidTool, Demo_RunsEveryStepAndSucceeds) {
-  RUN(r, {"demo"}, 30);
-  EXPECT_EQ(r.status, 0);
-  for (char const* step : {"$ corvid value ip 10.1.2.3", "  error: Invalid IpAddr\n", "$ corvid packet ",
-                           "checkEthIpHdr: 0 (noError)\n"}) {
+// Whatever the tour made, by its name: scratch namespaces and tables.
+bool demoLeftovers() {
+  std::string const netns = CorvidTest::shOutput("ip netns list");
+  std::string const shm = CorvidTest::shOutput("ls /dev/shm");
+  return netns.find("corvid-demo-") != std::string::npos || shm.find("corvid-demo-") != std::string::npos;
+}
+
+TEST_F(CorvidTool, Demo_RunsEveryStepAndLeavesNothingBehind) {
+  RUN(r, {"demo"}, 60);
+  EXPECT_EQ(r.status, 0) << r.out;
+  bool const root = geteuid() == 0;
+  for (char const* step : {"$ corvid value ip 10.1.2.3", "  error: Invalid Prefix", "checkEthIpHdr: 0 (noError)\n",
+                           "  values: ok\n", "  packets: ok\n"}) {
     EXPECT_TRUE(has(r.out, step)) << step;
   }
+  for (char const* step : {"the kernel namespace list saw it appear", "watcher: neigh add",
+                           "received 3 on veth0", "vrf blue veth1 192.0.2.8", "done sent=3 echoed=3",
+                           "  TCP and PDUs: ok\n", "  namespaces: ok\n",
+                           "  endpoints: ok\n", "  shared tables, neighbours: ok\n"}) {
+    EXPECT_EQ(has(r.out, step), root) << step;
+  }
+  EXPECT_FALSE(demoLeftovers());
+}
+
+TEST_F(CorvidTool, Demo_WithoutRootSaysWhichStepsNeedIt) {
+  if (geteuid() != 0 || access("/usr/bin/setpriv", X_OK) != 0) GTEST_SKIP() << "needs setpriv as root";
+  auto const r = CorvidTest::runCorvidAsNobody({"demo"}, 60);
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_TRUE(has(r.out, "  namespaces: skipped (needs root)\n")) << r.out;
+  EXPECT_TRUE(has(r.out, "  values: ok\n"));
+}
+
+TEST_F(CorvidTool, Demo_InterruptedRemovesWhatItMade) {
+  if (geteuid() != 0) GTEST_SKIP() << "the steps that make things need root";
+  CorvidTest::ToolProcess tool({"demo"});
+  ASSERT_TRUE(tool.started());
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  tool.signal(SIGINT);
+  auto const r = tool.finish(30);
+  EXPECT_FALSE(r.timedOut);
+  EXPECT_TRUE(r.status == 130 || r.status == 0) << r.status;  // 0 when the tour finished first
+  EXPECT_FALSE(demoLeftovers());
 }
 
 }  // namespace

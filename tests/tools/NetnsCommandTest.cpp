@@ -53,10 +53,7 @@ std::string listLine(std::string const& out, std::string const& name) {
   return "";
 }
 
-ToolResult asNobody(std::vector<std::string> args) {
-  args.insert(args.begin(), {"--reuid=65534", "--regid=65534", "--clear-groups", CorvidTest::corvidBinary()});
-  return CorvidTest::ToolProcess(args, "/usr/bin/setpriv").finish();
-}
+ToolResult asNobody(std::vector<std::string> args) { return CorvidTest::runCorvidAsNobody(std::move(args)); }
 
 class NetnsCommand : public ::testing::Test {
  protected:

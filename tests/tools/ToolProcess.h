@@ -149,6 +149,13 @@ class ToolProcess {
   int fds_[2] = {-1, -1};  // the read ends of stdout and stderr
 };
 
+// Runs the tool to completion as user nobody (through setpriv), for the
+// behaviour an operator without root sees.
+inline ToolResult runCorvidAsNobody(std::vector<std::string> args, double seconds = 10) {
+  args.insert(args.begin(), {"--reuid=65534", "--regid=65534", "--clear-groups", corvidBinary()});
+  return ToolProcess(args, "/usr/bin/setpriv").finish(seconds);
+}
+
 // Runs the tool to completion.
 inline ToolResult runCorvid(std::vector<std::string> const& args, double seconds = 10) {
   return ToolProcess(args).finish(seconds);
