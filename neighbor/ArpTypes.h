@@ -342,6 +342,29 @@ inline constexpr auto arpMacAddrPairRecord = Brio::record<ArpMacAddrPair>(
     "Arp::ArpMacAddrPair", Brio::field("eth", &ArpMacAddrPair::eth), Brio::field("arp", &ArpMacAddrPair::arp));
 ARP_RECORD(ArpMacAddrPair, arpMacAddrPairRecord)
 
+// An address on an interface: the key shape the request tables of
+// proactive resolution, monitored next hops and RIB next hops share. Each
+// names its own type for its text form through Tag::typeName.
+template <class Tag>
+class AddrOnIntf {
+ public:
+  AddrOnIntf() = default;
+  AddrOnIntf(IpGenAddr ipGenAddr, IntfId intfId) : ipGenAddr_(ipGenAddr), intfId_(std::move(intfId)) {}
+  BRIO_VALUE_FIELD(IpGenAddr, ipGenAddr)
+  BRIO_VALUE_FIELD(IntfId, intfId)
+  U32 hash(U32 seed = 0) const;
+  friend bool operator==(AddrOnIntf const&, AddrOnIntf const&) = default;
+  friend std::strong_ordering operator<=>(AddrOnIntf const&, AddrOnIntf const&) = default;
+};
+template <class Tag>
+inline constexpr auto addrOnIntfRecord =
+    Brio::record<AddrOnIntf<Tag>>(Tag::typeName, Brio::field("ipGenAddr", &AddrOnIntf<Tag>::ipGenAddr),
+                                  Brio::field("intfId", &AddrOnIntf<Tag>::intfId));
+template <class Tag>
+U32 AddrOnIntf<Tag>::hash(U32 seed) const {
+  return addrOnIntfRecord<Tag>.hash(*this, seed);
+}
+
 // The all-zero pair.
 inline ArpMacAddrPair const macAddrPairNull{};
 

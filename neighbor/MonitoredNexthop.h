@@ -22,18 +22,12 @@
 
 namespace Arp::MonitoredNexthop {
 
-class Entry {
- public:
-  Entry() = default;
-  Entry(IpGenAddr ipGenAddr, IntfId intfId) : ipGenAddr_(ipGenAddr), intfId_(std::move(intfId)) {}
-  BRIO_VALUE_FIELD(IpGenAddr, ipGenAddr)
-  BRIO_VALUE_FIELD(IntfId, intfId)
-  ARP_RECORD_OPS(Entry)
+struct EntryTag {
+  static constexpr char typeName[] = "Arp::MonitoredNexthop::Entry";
 };
-inline constexpr auto entryRecord = Brio::record<Entry>("Arp::MonitoredNexthop::Entry",
-                                                        Brio::field("ipGenAddr", &Entry::ipGenAddr),
-                                                        Brio::field("intfId", &Entry::intfId));
-ARP_RECORD(Entry, entryRecord)
+using Entry = AddrOnIntf<EntryTag>;
+inline constexpr auto const& entryRecord = addrOnIntfRecord<EntryTag>;
+BRIO_RECORD_TEXT_FORMS(Entry, entryRecord)
 BRIO_RECORD_ATTR_LOG(Entry, entryRecord)
 
 // One client's request to watch a next hop.

@@ -17,17 +17,12 @@
 
 namespace Arp::RibNextHop {
 
-class Entry {
- public:
-  Entry() = default;
-  Entry(IpGenAddr ipGenAddr, IntfId intfId) : ipGenAddr_(ipGenAddr), intfId_(std::move(intfId)) {}
-  BRIO_VALUE_FIELD(IpGenAddr, ipGenAddr)
-  BRIO_VALUE_FIELD(IntfId, intfId)
-  ARP_RECORD_OPS(Entry)
+struct EntryTag {
+  static constexpr char typeName[] = "Arp::RibNextHop::Entry";
 };
-inline constexpr auto entryRecord = Brio::record<Entry>(
-    "Arp::RibNextHop::Entry", Brio::field("ipGenAddr", &Entry::ipGenAddr), Brio::field("intfId", &Entry::intfId));
-ARP_RECORD(Entry, entryRecord)
+using Entry = AddrOnIntf<EntryTag>;
+inline constexpr auto const& entryRecord = addrOnIntfRecord<EntryTag>;
+BRIO_RECORD_TEXT_FORMS(Entry, entryRecord)
 BRIO_RECORD_ATTR_LOG(Entry, entryRecord)
 
 // The next hops one VRF's routes use, each with a value of the routing

@@ -18,6 +18,7 @@
 #include <ostream>
 
 #include "Command.h"
+#include "Options.h"
 
 namespace CorvidTool {
 
@@ -29,29 +30,11 @@ using Shoal::MountStatus;
 char const* const vrfTable = "vrfIdMap/status";
 char const* const vrfWriterName = "corvid";
 
+// The options of vrf and tables, read with the tool's option reader.
 struct Flags {
-  explicit Flags(Args const& args) {
-    for (std::size_t i = 0; i < args.size(); ++i) {
-      std::string const& a = args[i];
-      if (a == "--json") {
-        json = true;
-      } else if (a == "--seconds" || a == "--table") {
-        if (i + 1 >= args.size()) throw UsageError("option '" + a + "' needs a value");
-        std::string const& v = args[++i];
-        if (a == "--table") {
-          table = v;
-          continue;
-        }
-        char* end = nullptr;
-        seconds = std::strtod(v.c_str(), &end);
-        if (v.empty() || *end || seconds < 0) throw UsageError("option '--seconds' takes a number, not '" + v + "'");
-      } else if (a.rfind("--", 0) == 0) {
-        throw UsageError("unknown option '" + a + "'");
-      } else {
-        words.push_back(a);
-      }
-    }
-  }
+  explicit Flags(Args const& args) : Flags(Options(args, {"--seconds", "--table"}, {"--json"})) {}
+  explicit Flags(Options const& o)
+      : json(o.has("--json")), seconds(o.seconds("--seconds", -1)), table(o.get("--table")), words(o.rest) {}
   bool json = false;
   double seconds = -1;  // watch: run until interrupted
   std::string table;
