@@ -557,14 +557,19 @@ TEST_F(CorvidToolInNamespace, SendTo_DeliversThePayloadToAnIndependentRawReceive
 }
 
 // Whatever the tour made, by its name: scratch namespaces and tables.
-bool demoLeftovers() {
+// What one tour made, by its name (its pid): scratch namespaces and tables.
+bool demoLeftovers(pid_t pid) {
+  std::string const tag = "corvid-demo-" + std::to_string(pid);
   std::string const netns = CorvidTest::shOutput("ip netns list");
   std::string const shm = CorvidTest::shOutput("ls /dev/shm");
-  return netns.find("corvid-demo-") != std::string::npos || shm.find("corvid-demo-") != std::string::npos;
+  return netns.find(tag) != std::string::npos || shm.find(tag) != std::string::npos;
 }
 
 TEST_F(CorvidTool, Demo_RunsEveryStepAndLeavesNothingBehind) {
-  RUN(r, {"demo"}, 60);
+  CorvidTest::ToolProcess tool({"demo"});
+  pid_t const pid = tool.pid();
+  ToolResult const r = tool.finish(60);
+  SCOPED_TRACE(shown(r));
   EXPECT_EQ(r.status, 0) << r.out;
   bool const root = geteuid() == 0;
   for (char const* step : {"$ corvid value ip 10.1.2.3", "  error: Invalid Prefix", "checkEthIpHdr: 0 (noError)\n",
@@ -577,7 +582,7 @@ TEST_F(CorvidTool, Demo_RunsEveryStepAndLeavesNothingBehind) {
                            "  endpoints: ok\n", "  shared tables, neighbours: ok\n"}) {
     EXPECT_EQ(has(r.out, step), root) << step;
   }
-  EXPECT_FALSE(demoLeftovers());
+  EXPECT_FALSE(demoLeftovers(pid));
 }
 
 TEST_F(CorvidTool, Demo_WithoutRootSaysWhichStepsNeedIt) {
@@ -592,12 +597,13 @@ TEST_F(CorvidTool, Demo_InterruptedRemovesWhatItMade) {
   if (geteuid() != 0) GTEST_SKIP() << "the steps that make things need root";
   CorvidTest::ToolProcess tool({"demo"});
   ASSERT_TRUE(tool.started());
+  pid_t const pid = tool.pid();
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   tool.signal(SIGINT);
   auto const r = tool.finish(30);
   EXPECT_FALSE(r.timedOut);
   EXPECT_TRUE(r.status == 130 || r.status == 0) << r.status;  // 0 when the tour finished first
-  EXPECT_FALSE(demoLeftovers());
+  EXPECT_FALSE(demoLeftovers(pid));
 }
 
 }  // namespace

@@ -89,6 +89,7 @@ class ToolProcess {
   ToolProcess& operator=(ToolProcess const&) = delete;
 
   bool started() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
   // Sends a signal to the running child (Ctrl-C is SIGINT).
   void signal(int sig) const {
     if (pid_ > 0) kill(pid_, sig);
