@@ -1,0 +1,84 @@
+// A PDU echo over loopback, both ends in one process on one activity loop:
+// a TcpServerSm accepts, a TcpClientSm connects, and each connection is a
+// SimpleTcpPduPam (a 20-byte header whose bytes 2-3 give the PDU length).
+// The client sends a few PDUs; the server sends each one back.
+// Run it: pdu_echo [PORT [COUNT]]   (default port 7179)
+#include <Brio/ActivityManager.h>
+#include <Corvid/SimpleTcpPduPam.h>
+#include <Corvid/TcpClientServer.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+
+using namespace Corvid;
+
+// One connection's PDU endpoint. The server's end echoes every PDU; the
+// client's end prints what comes back.
+struct Connection : TcpPduPam::Notifiee {
+  Connection(TcpConnSocket const& conn, bool echo)
+      : pam(simpleTcpPduPamFactory(conn.fileDescriptor(), tcpFileDescriptorEventRegistrationFactoryBrioc())),
+        echo(echo) {
+    notifierIs(pam.ptr());
+    pam->enabledIs(true);
+  }
+  ~Connection() override { notifierIs(nullptr), pam->cleanup(); }
+  void handleReadableCount() override {
+    while (Brio::Ptr<Pkt> pdu = pam->rxPkt()) {
+      if (echo && pam->writable()) pam->txPktIs(pdu);
+      if (!echo) std::cout << "echo " << ++received << ": " << pdu->bytes() << " bytes, body '"
+                           << pdu->stringValue().str().substr(SimpleTcpPduPam::headerLength) << "'\n";
+    }
+  }
+  Brio::Ptr<SimpleTcpPduPam> pam;
+  bool echo;
+  int received = 0;
+};
+
+// Wraps each accepted connection in an echoing endpoint.
+struct Acceptor : TcpServerStatus::Notifiee {
+  explicit Acceptor(Brio::Ptr<TcpServerStatus> const& s) { notifierIs(s); }
+  void handleConnSocket(U32 const&) override {
+    while (TcpConnSocket conn = notifier()->getConnSocket()) {
+      std::cout << "server accepted " << conn.toStrep() << "\n";
+      connections.push_back(std::make_unique<Connection>(conn, true));
+    }
+  }
+  std::vector<std::unique_ptr<Connection>> connections;
+};
+
+int main(int argc, char** argv) {
+  Port const port(static_cast<U16>(argc > 1 ? std::atoi(argv[1]) : 7179));
+  int const count = argc > 2 ? std::atoi(argv[2]) : 3;
+  Brio::ActivityManager loop;
+  auto regs = tcpFileDescriptorEventRegistrationFactoryBrioc();
+  auto wheel = Quay::TimerWheel::timerWheelFactory();
+  IpGenAddr const loopback(IpAddr(127, 0, 0, 1));
+
+  auto serverStatus = tcpServerStatusFactory();
+  Acceptor acceptor(serverStatus);
+  auto server = tcpServerSmFactory(regs, wheel, tcpServerConfigFactory(loopback, port), serverStatus);
+  if (!server->startListener()) return std::cerr << "listen: " << serverStatus->reason() << "\n", 1;
+  std::cout << "server listening on 127.0.0.1:" << port << "\n";
+
+  auto clientStatus = tcpClientStatusFactory();
+  auto client = tcpClientSmFactory(regs, wheel, 1, tcpClientConfigFactory(loopback, port), clientStatus);
+  client->startConnection();
+  using Status = TcpClientStatus::ConnectionStatus;
+  loop.runUntil([&] { return clientStatus->connectionStatus() == Status::connected_; }, 5);
+  if (clientStatus->connectionStatus() != Status::connected_) return std::cerr << "connect failed\n", 1;
+  std::cout << "client connected " << clientStatus->connSocket().toStrep() << "\n";
+
+  Connection conn(clientStatus->connSocket(), false);
+  for (int i = 1; i <= count; ++i) {
+    std::string bytes = std::string(SimpleTcpPduPam::headerLength, '\0') + "pdu " + std::to_string(i);
+    SimpleTcpPduPam::pduLengthIs(reinterpret_cast<U8*>(bytes.data()), static_cast<U16>(bytes.size()));
+    Brio::Ptr<Pkt> pdu = globalPktManager()->newPkt();
+    pdu->stringValueIs(Brio::String(bytes));
+    conn.pam->txPktIs(pdu);
+    if (!loop.runUntil([&] { return conn.received == i; }, 5)) return std::cerr << "no echo\n", 1;
+  }
+  client->cleanup();
+  server->cleanup();
+  return 0;
+}
