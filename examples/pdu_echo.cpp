@@ -1,8 +1,7 @@
-// A PDU echo over loopback, both ends in one process on one activity loop:
-// a TcpServerSm accepts, a TcpClientSm connects, and each connection is a
-// SimpleTcpPduPam (a 20-byte header whose bytes 2-3 give the PDU length).
-// The client sends a few PDUs; the server sends each one back.
-// Run it: pdu_echo [PORT [COUNT]]   (default port 7179)
+// A PDU echo on 127.0.0.1, both ends on one activity loop: a TcpServerSm
+// accepts, a TcpClientSm connects, each connection is a SimpleTcpPduPam (a
+// 20-byte header whose bytes 2-3 give the PDU length), the server sends each
+// PDU back. Run it: pdu_echo [PORT [COUNT]]   (defaults: 7179, 3)
 #include <Brio/ActivityManager.h>
 #include <Corvid/SimpleTcpPduPam.h>
 #include <Corvid/TcpClientServer.h>
@@ -13,8 +12,7 @@
 
 using namespace Corvid;
 
-// One connection's PDU endpoint. The server's end echoes every PDU; the
-// client's end prints what comes back.
+// One connection's PDU endpoint: the server's end echoes, the client's prints.
 struct Connection : TcpPduPam::Notifiee {
   Connection(TcpConnSocket const& conn, bool echo)
       : pam(simpleTcpPduPamFactory(conn.fileDescriptor(), tcpFileDescriptorEventRegistrationFactoryBrioc())),
@@ -25,7 +23,7 @@ struct Connection : TcpPduPam::Notifiee {
   ~Connection() override { notifierIs(nullptr), pam->cleanup(); }
   void handleReadableCount() override {
     while (Brio::Ptr<Pkt> pdu = pam->rxPkt()) {
-      if (echo && pam->writable()) pam->txPktIs(pdu);
+      if (echo && pam->writable()) pam->txPktIs(pdu);  // a real server queues it until writable
       if (!echo) std::cout << "echo " << ++received << ": " << pdu->bytes() << " bytes, body '"
                            << pdu->stringValue().str().substr(SimpleTcpPduPam::headerLength) << "'\n";
     }
@@ -54,19 +52,15 @@ int main(int argc, char** argv) {
   auto regs = tcpFileDescriptorEventRegistrationFactoryBrioc();
   auto wheel = Quay::TimerWheel::timerWheelFactory();
   IpGenAddr const loopback(IpAddr(127, 0, 0, 1));
-
   auto serverStatus = tcpServerStatusFactory();
   Acceptor acceptor(serverStatus);
   auto server = tcpServerSmFactory(regs, wheel, tcpServerConfigFactory(loopback, port), serverStatus);
-  if (!server->startListener()) return std::cerr << "listen: " << serverStatus->reason() << "\n", 1;
-  std::cout << "server listening on 127.0.0.1:" << port << "\n";
-
+  if (!server->startListener()) return std::cerr << "pdu_echo: " << serverStatus->reason() << "\n", 1;
   auto clientStatus = tcpClientStatusFactory();
   auto client = tcpClientSmFactory(regs, wheel, 1, tcpClientConfigFactory(loopback, port), clientStatus);
-  client->startConnection();
-  using Status = TcpClientStatus::ConnectionStatus;
-  loop.runUntil([&] { return clientStatus->connectionStatus() == Status::connected_; }, 5);
-  if (clientStatus->connectionStatus() != Status::connected_) return std::cerr << "connect failed\n", 1;
+  client->startConnection();  // retries by itself until connected
+  auto connected = [&] { return clientStatus->connectionStatus() == TcpClientStatus::ConnectionStatus::connected_; };
+  if (!loop.runUntil(connected, 5)) return std::cerr << "pdu_echo: " << clientStatus->reason() << "\n", 1;
   std::cout << "client connected " << clientStatus->connSocket().toStrep() << "\n";
 
   Connection conn(clientStatus->connSocket(), false);
@@ -75,8 +69,8 @@ int main(int argc, char** argv) {
     SimpleTcpPduPam::pduLengthIs(reinterpret_cast<U8*>(bytes.data()), static_cast<U16>(bytes.size()));
     Brio::Ptr<Pkt> pdu = globalPktManager()->newPkt();
     pdu->stringValueIs(Brio::String(bytes));
-    conn.pam->txPktIs(pdu);
-    if (!loop.runUntil([&] { return conn.received == i; }, 5)) return std::cerr << "no echo\n", 1;
+    conn.pam->txPktIs(pdu);  // one small PDU at a time, so the endpoint is writable again
+    if (!loop.runUntil([&] { return conn.received == i; }, 5)) return std::cerr << "pdu_echo: no echo\n", 1;
   }
   client->cleanup();
   server->cleanup();
