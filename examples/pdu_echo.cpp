@@ -8,7 +8,6 @@
 
 #include <cstdlib>
 #include <iostream>
-#include <memory>
 
 using namespace Corvid;
 
@@ -20,7 +19,10 @@ struct Connection : TcpPduPam::Notifiee {
     notifierIs(pam.ptr());
     pam->enabledIs(true);
   }
-  ~Connection() override { notifierIs(nullptr), pam->cleanup(); }
+  ~Connection() override {
+    notifierIs(nullptr);
+    pam->cleanup();
+  }
   void handleReadableCount() override {
     while (Brio::Ptr<Pkt> pdu = pam->rxPkt()) {
       if (echo && pam->writable()) pam->txPktIs(pdu);  // a real server queues it until writable
@@ -33,44 +35,36 @@ struct Connection : TcpPduPam::Notifiee {
   int received = 0;
 };
 
-// Wraps each accepted connection in an echoing endpoint.
-struct Acceptor : TcpServerStatus::Notifiee {
-  explicit Acceptor(Brio::Ptr<TcpServerStatus> const& s) { notifierIs(s); }
-  void handleConnSocket(U32 const&) override {
-    while (TcpConnSocket conn = notifier()->getConnSocket()) {
-      std::cout << "server accepted " << conn.toStrep() << "\n";
-      connections.push_back(std::make_unique<Connection>(conn, true));
-    }
-  }
-  std::vector<std::unique_ptr<Connection>> connections;
-};
-
 int main(int argc, char** argv) {
   Port const port(static_cast<U16>(argc > 1 ? std::atoi(argv[1]) : 7179));
   int const count = argc > 2 ? std::atoi(argv[2]) : 3;
+  auto fail = [](auto const& why) { std::cerr << "pdu_echo: " << why << "\n"; return 1; };
   Brio::ActivityManager loop;
   auto regs = tcpFileDescriptorEventRegistrationFactoryBrioc();
   auto wheel = Quay::TimerWheel::timerWheelFactory();
   IpGenAddr const loopback(IpAddr(127, 0, 0, 1));
-  auto serverStatus = tcpServerStatusFactory();
-  Acceptor acceptor(serverStatus);
+  auto serverStatus = tcpServerStatusFactory();  // its queue holds the accepted connections
   auto server = tcpServerSmFactory(regs, wheel, tcpServerConfigFactory(loopback, port), serverStatus);
-  if (!server->startListener()) return std::cerr << "pdu_echo: " << serverStatus->reason() << "\n", 1;
+  if (!server->startListener()) return fail(serverStatus->reason());
   auto clientStatus = tcpClientStatusFactory();
   auto client = tcpClientSmFactory(regs, wheel, 1, tcpClientConfigFactory(loopback, port), clientStatus);
   client->startConnection();  // retries by itself until connected
   auto connected = [&] { return clientStatus->connectionStatus() == TcpClientStatus::ConnectionStatus::connected_; };
-  if (!loop.runUntil(connected, 5)) return std::cerr << "pdu_echo: " << clientStatus->reason() << "\n", 1;
+  if (!loop.runUntil(connected, 5)) return fail(clientStatus->reason());
   std::cout << "client connected " << clientStatus->connSocket().toStrep() << "\n";
+  loop.runUntil([&] { return serverStatus->connSockets() > 0; }, 5);  // a real server follows handleConnSocket
+  TcpConnSocket const accepted = serverStatus->getConnSocket();
+  if (!accepted) return fail("nothing accepted");
+  std::cout << "server accepted " << accepted.toStrep() << "\n";
 
-  Connection conn(clientStatus->connSocket(), false);
+  Connection echoer(accepted, true), conn(clientStatus->connSocket(), false);
   for (int i = 1; i <= count; ++i) {
     std::string bytes = std::string(SimpleTcpPduPam::headerLength, '\0') + "pdu " + std::to_string(i);
     SimpleTcpPduPam::pduLengthIs(reinterpret_cast<U8*>(bytes.data()), static_cast<U16>(bytes.size()));
     Brio::Ptr<Pkt> pdu = globalPktManager()->newPkt();
     pdu->stringValueIs(Brio::String(bytes));
     conn.pam->txPktIs(pdu);  // one small PDU at a time, so the endpoint is writable again
-    if (!loop.runUntil([&] { return conn.received == i; }, 5)) return std::cerr << "pdu_echo: no echo\n", 1;
+    if (!loop.runUntil([&] { return conn.received == i; }, 5)) return fail("no echo");
   }
   client->cleanup();
   server->cleanup();
