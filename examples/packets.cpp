@@ -53,6 +53,7 @@ int main() {
   IpHdr* ipHdr = nullptr;
   PktErrors const check = checkEthIpHdr(pkt, ethHdr, ipHdr);
   std::cout << "checkEthIpHdr: " << (check == noError ? "ok" : "error " + std::to_string(check)) << "\n";
+  if (check != noError) return 1;
   auto rxUdp = udpHdrWrapperFactory(pkt, 14 + ipHdr->headerBytes());
   rxUdp->pseudoHdrIs(ipHdr->src.value(), ipHdr->dst.value(), ipHdr->payloadLength());
   std::cout << "eth " << ethHdr->src.value() << " -> " << ethHdr->dst.value() << " type 0x" << std::hex
@@ -61,5 +62,5 @@ int main() {
             << " length " << ipHdr->totalLength.value() << "\nudp " << rxUdp->srcPort() << " -> "
             << rxUdp->dstPort() << " length " << rxUdp->length() << " checksum "
             << (checksumValid(*rxUdp) ? "valid" : "wrong") << "\n";
-  return check == noError ? 0 : 1;
+  return 0;
 }
