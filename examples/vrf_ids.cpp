@@ -8,6 +8,8 @@
 #include <Corvid/VrfIdMap.h>
 
 #include <iostream>
+#include <string>
+#include <vector>
 
 using namespace Vrf::VrfIdMap;
 
