@@ -64,11 +64,8 @@ inline U64 blockSum128(__m128i const* sums) {
 namespace {
 
 // Vectors of 16-bit lanes in the compilers' generic vector types: + and >>
-// work lane-wise and compile to the instructions of whichever target the
-// function they are inlined into has.
+// work lane-wise (the SSE2 kernel's block loop below).
 using Lanes16 = U16 __attribute__((vector_size(16)));
-using Lanes32 = U16 __attribute__((vector_size(32)));
-using Lanes64 = U16 __attribute__((vector_size(64)));
 
 template <class Lanes>
 __attribute__((always_inline)) inline void sumStep(Lanes& s, Lanes& o, U8 const* p) {
