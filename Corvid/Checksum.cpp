@@ -64,11 +64,8 @@ inline U64 blockSum128(__m128i const* sums) {
 namespace {
 
 // Vectors of 16-bit lanes in the compilers' generic vector types: + and >>
-// work lane-wise and compile to the instructions of whichever target the
-// function they are inlined into has.
+// work lane-wise (the SSE2 kernel's block loop below).
 using Lanes16 = U16 __attribute__((vector_size(16)));
-using Lanes32 = U16 __attribute__((vector_size(32)));
-using Lanes64 = U16 __attribute__((vector_size(64)));
 
 template <class Lanes>
 __attribute__((always_inline)) inline void sumStep(Lanes& s, Lanes& o, U8 const* p) {
@@ -125,68 +122,137 @@ U64 wordSumSse2(U8 const* p, std::size_t len) {
   return wordSumBlocks<Lanes16, sse2Block, blockSum128, wordSumShort>(p, len);
 }
 
+// The AVX2 and AVX-512 kernels keep one (s, o) pair for the whole buffer in
+// blocks of at most 256 vectors plus one: three vector instructions per
+// vector leave enough slack for a single dependency chain, and one pair
+// makes the block's reduction short, which matters at packet sizes. The last
+// partial vector is read masked (AVX-512) or as the vector ending at the
+// buffer's end with the bytes already summed masked off (AVX2), so no
+// narrower kernel runs after the wide one.
 namespace {
 
-__attribute__((target("avx2"))) inline U64 blockSum256(__m256i const* sums) {
+// A block's (s, o) as the exact word sum: e = s - 256 o per lane, then e and
+// o widened to 32-bit lanes by a multiply-add with ones after flipping the
+// sign bit (each word's 32768 is added back at the end), 256 e + o summed.
+// Exact: per lane e, o < 2^16, so every 32-bit lane stays below 2^25.
+constexpr S64 flippedWordsBias(int wordsPerVector) { return S64(wordsPerVector) * 32768 * 257; }
+
+__attribute__((target("avx2"))) inline U64 reduce256(__m256i s, __m256i o) {
   __m256i const flip = _mm256_set1_epi16(static_cast<short>(0x8000));
   __m256i const ones = _mm256_set1_epi16(1);
-  __m256i e32 = _mm256_setzero_si256(), o32 = e32;
-  for (int i = 0; i < 4; ++i) {
-    __m256i const e = _mm256_sub_epi16(sums[i], _mm256_slli_epi16(sums[i + 4], 8));
-    e32 = _mm256_add_epi32(e32, _mm256_madd_epi16(_mm256_xor_si256(e, flip), ones));
-    o32 = _mm256_add_epi32(o32, _mm256_madd_epi16(_mm256_xor_si256(sums[i + 4], flip), ones));
-  }
-  S64 const e = laneTotal128(_mm_add_epi32(_mm256_castsi256_si128(e32), _mm256_extracti128_si256(e32, 1)));
-  S64 const o = laneTotal128(_mm_add_epi32(_mm256_castsi256_si128(o32), _mm256_extracti128_si256(o32, 1)));
-  return static_cast<U64>(((e + flipBias(16)) << 8) + o + flipBias(16));
+  __m256i const e = _mm256_sub_epi16(s, _mm256_slli_epi16(o, 8));
+  __m256i const e32 = _mm256_madd_epi16(_mm256_xor_si256(e, flip), _mm256_set1_epi16(256));  // 256 e, widened
+  __m256i const o32 = _mm256_madd_epi16(_mm256_xor_si256(o, flip), ones);
+  __m256i const t = _mm256_add_epi32(e32, o32);
+  S64 const total = laneTotal128(_mm_add_epi32(_mm256_castsi256_si128(t), _mm256_extracti128_si256(t, 1)));
+  return static_cast<U64>(total + flippedWordsBias(16));
 }
 
-__attribute__((target("avx2"))) U64 blockSum256(Lanes32 const* sums) {
-  return blockSum256(reinterpret_cast<__m256i const*>(sums));
+__attribute__((target("avx2"), always_inline)) inline void step256(__m256i& s, __m256i& o, __m256i v) {
+  s = _mm256_add_epi16(s, v);
+  o = _mm256_add_epi16(o, _mm256_srli_epi16(v, 8));
 }
 
-__attribute__((noinline, target("avx2"))) void avx2Block(U8 const* p, U8 const* end, Lanes32* sums) {
-  sumBlock(p, end, sums);
-}
+// tailMask + r: a vector whose last r bytes are ones.
+alignas(64) constexpr U8 tailMask[64] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                                         0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                                         0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
+                                         0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
+                                         0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
+                                         0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
 
 }  // namespace
 
-U64 wordSumAvx2(U8 const* p, std::size_t len) {
-  return wordSumBlocks<Lanes32, avx2Block, blockSum256, wordSumSse2>(p, len);
+__attribute__((target("avx2"))) U64 wordSumAvx2(U8 const* p, std::size_t len) {
+  constexpr std::size_t width = 32;
+  len &= ~std::size_t(1);  // a trailing odd byte is the caller's, as in wordSumShort
+  U8 const* const start = p;
+  U64 total = 0;
+  for (;;) {
+    __m256i s = _mm256_setzero_si256(), o = s;
+    std::size_t const bytes = std::min(len, maxIterations * width) & ~(width - 1);
+    U8 const* const end = p + bytes;
+    for (; end - p >= static_cast<std::ptrdiff_t>(4 * width); p += 4 * width) {
+      step256(s, o, _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p)));
+      step256(s, o, _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + width)));
+      step256(s, o, _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + 2 * width)));
+      step256(s, o, _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + 3 * width)));
+    }
+    for (; p != end; p += width) step256(s, o, _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p)));
+    len -= bytes;
+    if (len >= width) {
+      total += reduce256(s, o);
+      continue;
+    }
+    if (len > 0) {
+      if (static_cast<std::size_t>(p - start) + len >= width) {
+        // The vector ending at the end, the bytes before p masked off: the
+        // 257th vector of this pair at most, still exact.
+        step256(s, o, _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + len - width)),
+                                       _mm256_loadu_si256(reinterpret_cast<__m256i const*>(tailMask + len))));
+      } else {
+        total += wordSumShort(p, len);
+      }
+    }
+    return total + reduce256(s, o);
+  }
 }
+
+// GCC 12's AVX-512 headers initialise their "undefined" vectors from
+// themselves, which -Wuninitialized reports in every caller.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
 namespace {
 
-__attribute__((noinline, target("avx512bw"))) void avx512Block(U8 const* p, U8 const* end, Lanes64* sums) {
-  sumBlock(p, end, sums);
+__attribute__((target("avx512bw"), always_inline)) inline void step512(__m512i& s, __m512i& o, __m512i v) {
+  s = _mm512_add_epi16(s, v);
+  o = _mm512_add_epi16(o, _mm512_srli_epi16(v, 8));
 }
 
-__attribute__((target("avx512bw"))) inline U64 blockSum512(__m512i const* sums) {
+__attribute__((target("avx512bw"))) inline U64 reduce512(__m512i s, __m512i o) {
   __m512i const flip = _mm512_set1_epi16(static_cast<short>(0x8000));
   __m512i const ones = _mm512_set1_epi16(1);
-  __m512i e32 = _mm512_setzero_si512(), o32 = e32;
-  for (int i = 0; i < 4; ++i) {
-    __m512i const e = _mm512_sub_epi16(sums[i], _mm512_slli_epi16(sums[i + 4], 8));
-    e32 = _mm512_add_epi32(e32, _mm512_madd_epi16(_mm512_xor_si512(e, flip), ones));
-    o32 = _mm512_add_epi32(o32, _mm512_madd_epi16(_mm512_xor_si512(sums[i + 4], flip), ones));
-  }
-  S32 lanes[32];
-  _mm512_storeu_si512(lanes, e32);
-  _mm512_storeu_si512(lanes + 16, o32);
-  S64 e = 0, o = 0;
-  for (int i = 0; i < 16; ++i) e += lanes[i], o += lanes[i + 16];
-  return static_cast<U64>(((e + flipBias(32)) << 8) + o + flipBias(32));
-}
-
-__attribute__((target("avx512bw"))) U64 blockSum512(Lanes64 const* sums) {
-  return blockSum512(reinterpret_cast<__m512i const*>(sums));
+  __m512i const e = _mm512_sub_epi16(s, _mm512_slli_epi16(o, 8));
+  __m512i const e32 = _mm512_madd_epi16(_mm512_xor_si512(e, flip), _mm512_set1_epi16(256));  // 256 e, widened
+  __m512i const o32 = _mm512_madd_epi16(_mm512_xor_si512(o, flip), ones);
+  __m512i const t = _mm512_add_epi32(e32, o32);
+  __m256i const half = _mm256_add_epi32(_mm512_castsi512_si256(t), _mm512_extracti64x4_epi64(t, 1));
+  S64 const total = laneTotal128(_mm_add_epi32(_mm256_castsi256_si128(half), _mm256_extracti128_si256(half, 1)));
+  return static_cast<U64>(total + flippedWordsBias(32));
 }
 
 }  // namespace
 
-U64 wordSumAvx512(U8 const* p, std::size_t len) {
-  return wordSumBlocks<Lanes64, avx512Block, blockSum512, wordSumAvx2>(p, len);
+__attribute__((target("avx512bw"))) U64 wordSumAvx512(U8 const* p, std::size_t len) {
+  constexpr std::size_t width = 64;
+  len &= ~std::size_t(1);  // a trailing odd byte is the caller's, as in wordSumShort
+  U64 total = 0;
+  for (;;) {
+    __m512i s = _mm512_setzero_si512(), o = s;
+    std::size_t const bytes = std::min(len, maxIterations * width) & ~(width - 1);
+    U8 const* const end = p + bytes;
+    for (; end - p >= static_cast<std::ptrdiff_t>(4 * width); p += 4 * width) {
+      step512(s, o, _mm512_loadu_si512(p));
+      step512(s, o, _mm512_loadu_si512(p + width));
+      step512(s, o, _mm512_loadu_si512(p + 2 * width));
+      step512(s, o, _mm512_loadu_si512(p + 3 * width));
+    }
+    for (; p != end; p += width) step512(s, o, _mm512_loadu_si512(p));
+    len -= bytes;
+    if (len >= width) {
+      total += reduce512(s, o);
+      continue;
+    }
+    // The rest masked (a masked load touches no byte outside the mask): the
+    // 257th vector of this pair at most, still exact.
+    if (len > 0) step512(s, o, _mm512_maskz_loadu_epi8((U64(1) << len) - 1, p));
+    return total + reduce512(s, o);
+  }
 }
+
+#pragma GCC diagnostic pop
 
 bool avx2Available() {
   __builtin_cpu_init();
@@ -219,6 +285,8 @@ U64 wordSumFirstCall(U8 const* p, std::size_t len) {
 
 U64 wordSumLong(U8 const* p, std::size_t len) { return __atomic_load_n(&wordSumChosen, __ATOMIC_RELAXED)(p, len); }
 
+char const* wordSumLongKernel() { return avx512Available() ? "avx512" : avx2Available() ? "avx2" : "sse2"; }
+
 #else
 
 U64 wordSumSse2(U8 const* p, std::size_t len) { return wordSumScalar(p, len); }
@@ -227,6 +295,7 @@ U64 wordSumAvx512(U8 const* p, std::size_t len) { return wordSumScalar(p, len); 
 bool avx2Available() { return false; }
 bool avx512Available() { return false; }
 U64 wordSumLong(U8 const* p, std::size_t len) { return wordSumScalar(p, len); }
+char const* wordSumLongKernel() { return "scalar"; }
 
 #endif
 

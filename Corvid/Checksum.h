@@ -133,6 +133,9 @@ U64 wordSumAvx512(U8 const* p, std::size_t len);
 bool avx512Available();
 // The widest kernel the CPU has; for buffers where set-up pays off.
 U64 wordSumLong(U8 const* p, std::size_t len);
+// The kernel wordSumLong uses on this machine: "avx512", "avx2", "sse2" or
+// "scalar".
+char const* wordSumLongKernel();
 
 // Below this the vector set-up costs more than it saves.
 inline constexpr std::size_t longThreshold = 128;

@@ -402,9 +402,19 @@ struct BlockCache {
 // the same rate). initial-exec: a plain %fs-relative access per packet
 // instead of a __tls_get_addr call; the library is linked with its
 // programs, not loaded late with dlopen.
+// Header wrappers come in a few sizes per program (an Ethernet, an IPv4
+// and a UDP wrapper per packet, say): one small cache per size in use.
+constexpr U32 wrapperCacheSlots = 16;
+constexpr U32 wrapperSizes = 4;
+struct WrapperCache {
+  std::size_t blockBytes;
+  U32 count;
+  void* blocks[wrapperCacheSlots];
+};
 struct ThreadBlocks {
   BlockCache buffers;
   BlockCache packets;
+  WrapperCache wrappers[wrapperSizes];
   bool closerArmed;
   bool closed;
 };
@@ -415,10 +425,20 @@ struct BlockCacheCloser {
     for (BlockCache* c : {&threadBlocks.buffers, &threadBlocks.packets}) {
       while (c->count) ::operator delete(c->blocks[--c->count]);
     }
+    for (WrapperCache& c : threadBlocks.wrappers) {
+      while (c.count) ::operator delete(c.blocks[--c.count]);
+    }
     threadBlocks.closed = true;
   }
 };
 thread_local BlockCacheCloser blockCacheCloser;
+
+void armCloser() {
+  if (!threadBlocks.closerArmed) {
+    threadBlocks.closerArmed = true;
+    static_cast<void>(&blockCacheCloser);  // made once per thread, closes the caches at thread exit
+  }
+}
 
 void* blockAllocate(BlockCache& c, std::size_t bytes) {
   if (c.count && c.blockBytes == bytes) return c.blocks[--c.count];
@@ -430,15 +450,46 @@ void blockRelease(BlockCache& c, void* block, std::size_t bytes) {
     ::operator delete(block);
     return;
   }
-  if (!threadBlocks.closerArmed) {
-    threadBlocks.closerArmed = true;
-    static_cast<void>(&blockCacheCloser);  // made once per thread, closes the caches at thread exit
-  }
+  armCloser();
   c.blockBytes = bytes;
   c.blocks[c.count++] = block;
 }
 
 }  // namespace
+
+namespace pktDetail {
+
+void* wrapperAllocate(std::size_t bytes) {
+  for (WrapperCache& c : threadBlocks.wrappers) {
+    if (c.blockBytes == bytes && c.count) return c.blocks[--c.count];
+  }
+  return ::operator new(bytes);
+}
+
+void wrapperRelease(void* p, std::size_t bytes) {
+  if (blockCacheOn && !threadBlocks.closed) {
+    // The cache of this size, else an empty one taken over for it.
+    WrapperCache* slot = nullptr;
+    for (WrapperCache& c : threadBlocks.wrappers) {
+      if (c.blockBytes == bytes) {
+        slot = &c;
+        break;
+      }
+    }
+    for (WrapperCache& c : threadBlocks.wrappers) {
+      if (!slot && c.count == 0) slot = &c;
+    }
+    if (slot && slot->count < wrapperCacheSlots) {
+      armCloser();
+      slot->blockBytes = bytes;
+      slot->blocks[slot->count++] = p;
+      return;
+    }
+  }
+  ::operator delete(p);
+}
+
+}  // namespace pktDetail
 
 void* Pkt::SharedBuffer::operator new(std::size_t objectBytes, U32 dataSize) {
   std::size_t const bytes = blockPrefix + objectBytes + dataSize;

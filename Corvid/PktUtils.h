@@ -558,10 +558,21 @@ struct VxlanHdr {
 // The wrapper pattern
 // ===========================================================================
 
+// Header wrappers are made and dropped several times per packet; their
+// memory comes from small per-thread caches next to the packets' own
+// (Pkt.cpp), not from malloc.
+namespace pktDetail {
+void* wrapperAllocate(std::size_t bytes);
+void wrapperRelease(void* p, std::size_t bytes);
+}  // namespace pktDetail
+
 template <class Hdr>
 class HdrWrapper : public Brio::PtrInterface {
  public:
   using Header = Hdr;
+
+  static void* operator new(std::size_t bytes) { return pktDetail::wrapperAllocate(bytes); }
+  static void operator delete(void* p, std::size_t bytes) { pktDetail::wrapperRelease(p, bytes); }
 
   HdrWrapper(Brio::Ptr<Pkt> const& pkt, U32 offset) : pkt_(pkt), offset_(offset), header_(nullptr) {
     handleHeader();

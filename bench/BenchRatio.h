@@ -8,7 +8,10 @@
 
 #include <benchmark/benchmark.h>
 
+#include <sys/utsname.h>
+
 #include <cstdio>
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -45,6 +48,41 @@ class RecordingReporter : public benchmark::ConsoleReporter {
   std::map<std::string, double> cpuTimes;
 };
 
+// Prints what the figures were measured on: the processor, its widest
+// vector extensions, the kernel, and the implementation the program chose.
+// Ratios are only comparable between runs on the same kind of machine.
+inline void printMachine(std::string const& implementation) {
+  std::string model = "unknown processor";
+  std::ifstream cpuinfo("/proc/cpuinfo");
+  for (std::string line; std::getline(cpuinfo, line);) {
+    if (line.rfind("model name", 0) == 0 && line.find(':') != std::string::npos) {
+      model = line.substr(line.find(':') + 2);
+      break;
+    }
+  }
+  std::string vectors;
+#if defined(__x86_64__)
+  __builtin_cpu_init();
+  vectors = __builtin_cpu_supports("avx512bw") ? "AVX-512BW" : __builtin_cpu_supports("avx2") ? "AVX2" : "SSE2";
+#else
+  vectors = "no x86 vectors";
+#endif
+  utsname u{};
+  uname(&u);
+  std::printf("machine: %s, widest vectors %s, kernel %s %s\nimplementation: %s\n", model.c_str(), vectors.c_str(),
+              u.sysname, u.release, implementation.c_str());
+}
+
+// Prints one comparison in the form bench/run-all collects.
+inline void printRatio(std::string const& ours, std::string const& peer, double ratio, double goal) {
+  if (goal > 0) {
+    std::printf("ratio %s / %s = %.3f (goal <= %.2f): %s\n", ours.c_str(), peer.c_str(), ratio, goal,
+                ratio <= goal ? "met" : "NOT MET");
+  } else {
+    std::printf("ratio %s / %s = %.3f (informative)\n", ours.c_str(), peer.c_str(), ratio);
+  }
+}
+
 // Runs the registered benchmarks and prints the comparisons; returns 0.
 inline int runWithRatios(int argc, char** argv, std::vector<Comparison> const& comparisons) {
   benchmark::Initialize(&argc, argv);
@@ -55,13 +93,7 @@ inline int runWithRatios(int argc, char** argv, std::vector<Comparison> const& c
     auto ours = reporter.times.find(c.ours);
     auto peer = reporter.times.find(c.peer);
     if (ours == reporter.times.end() || peer == reporter.times.end() || peer->second <= 0) continue;
-    double ratio = ours->second / peer->second;
-    if (c.goal > 0) {
-      std::printf("ratio %s / %s = %.3f (goal <= %.2f): %s\n", c.ours.c_str(), c.peer.c_str(), ratio, c.goal,
-                  ratio <= c.goal ? "met" : "NOT MET");
-    } else {
-      std::printf("ratio %s / %s = %.3f\n", c.ours.c_str(), c.peer.c_str(), ratio);
-    }
+    printRatio(c.ours, c.peer, ours->second / peer->second, c.goal);
   }
   benchmark::Shutdown();
   return 0;

@@ -2,8 +2,11 @@
 // that defines it and against a plain read of the same bytes (the bound no
 // checksum can beat), over a minimal IPv4 header, a small frame, an Ethernet
 // MTU, a jumbo frame and the largest buffer the 16-bit length allows.
-// Goals: at least 4x the word loop at 1500 bytes, at least half the
-// memory-read bandwidth at 64 KiB. The ratios are printed after the table.
+// Goals: at least 4x the word loop at 1500 bytes; at least 0.67 of the
+// memory-read bandwidth at 1500 bytes and 0.7 at 64 KiB, whichever kernel
+// the machine picks. On an AVX-512 machine the AVX2 kernel is measured too,
+// standing in for an AVX2-only machine. The ratios are printed after the
+// table, as times (ours over the peer's) for bench/run-all.
 #include <Corvid/Checksum.h>
 #include <benchmark/benchmark.h>
 #include <immintrin.h>
@@ -66,7 +69,18 @@ __attribute__((noinline, target("avx2"))) U64 memoryReadAvx2(char const* data, s
   __m256i const all = _mm256_add_epi64(_mm256_add_epi64(a0, a1), _mm256_add_epi64(a2, a3));
   U64 lanes[4];
   _mm256_storeu_si256(reinterpret_cast<__m256i*>(lanes), all);
-  return lanes[0] + lanes[1] + lanes[2] + lanes[3] + memoryReadPlain(data + i, len - i);
+  // The tail here, not through memoryReadPlain: calling baseline (legacy
+  // SSE) code with the upper vector halves dirty costs a state transition on
+  // Intel cores, which made this peer four times slower at 1500 bytes than at
+  // 9000 and the ratio at 1500 meaningless.
+  U64 tail = 0;
+  for (; i + 8 <= len; i += 8) {
+    U64 w;
+    std::memcpy(&w, data + i, 8);
+    tail += w;
+  }
+  for (; i < len; ++i) tail += static_cast<unsigned char>(data[i]);
+  return lanes[0] + lanes[1] + lanes[2] + lanes[3] + tail;
 }
 
 U64 memoryRead(char const* data, std::size_t len) {
@@ -87,6 +101,22 @@ void BM_IpChecksumCalc(benchmark::State& state) {
   checksumThroughput<Corvid::IpChecksum, Corvid::ipChecksumCalc>(state);
 }
 void BM_NaiveWordLoop(benchmark::State& state) { checksumThroughput<U16, naiveChecksum>(state); }
+
+// ipChecksumCalc through the AVX2 kernel whatever the machine would pick.
+Corvid::IpChecksum avx2Checksum(char const* data, U16 len, U32 sum) {
+  U32 total = sum + static_cast<U32>(
+                        Corvid::ChecksumKernels::wordSumAvx2(reinterpret_cast<U8 const*>(data), len & ~1u));
+  if (len & 1) total += static_cast<U32>(static_cast<U8>(data[len - 1])) << 8;
+  while (total >> 16) total = (total & 0xFFFF) + (total >> 16);
+  return Corvid::IpChecksum(static_cast<U16>(~total));
+}
+void BM_IpChecksumAvx2Kernel(benchmark::State& state) {
+  if (!Corvid::ChecksumKernels::avx2Available()) {
+    state.SkipWithError("no AVX2 on this machine");
+    return;
+  }
+  checksumThroughput<Corvid::IpChecksum, avx2Checksum>(state);
+}
 
 void BM_MemoryRead(benchmark::State& state) {
   std::size_t const len = static_cast<std::size_t>(state.range(0));
@@ -110,6 +140,7 @@ void applySizes(benchmark::internal::Benchmark* b) {
 
 BENCHMARK(BM_IpChecksumCalc)->Apply(applySizes);
 BENCHMARK(BM_NaiveWordLoop)->Apply(applySizes);
+BENCHMARK(BM_IpChecksumAvx2Kernel)->Arg(1500)->Arg(65535);
 BENCHMARK(BM_MemoryRead)->Apply(applySizes);
 BENCHMARK(BM_IpChecksumChunkPseudoHeader);
 
@@ -128,7 +159,29 @@ int main(int argc, char** argv) {
     if (ours <= 0 || naive <= 0 || read <= 0) continue;  // filtered out of this run
     std::printf("%-8d %14.2f %13.2fx %15.2fx\n", size, size / ours, naive / ours, read / ours);
   }
-  std::printf("goals: >= 4x the word loop at 1500 bytes; >= 0.5x the memory read at 65535 bytes\n");
+  std::printf("goals: >= 4x the word loop at 1500 bytes; >= 0.67x the memory read at 1500 bytes, 0.7x at 65535\n\n");
+  // The same goals as time ratios (at most 1/0.67 and 1/0.7 the peer's time).
+  struct Goal {
+    char const* ours;
+    char const* peer;
+    int size;
+    double goal;
+  };
+  Goal const goals[] = {{"BM_IpChecksumCalc", "BM_NaiveWordLoop", 1500, 0.25},
+                        {"BM_IpChecksumCalc", "BM_MemoryRead", 1500, 1 / 0.67},
+                        {"BM_IpChecksumCalc", "BM_MemoryRead", 65535, 1 / 0.7},
+                        {"BM_IpChecksumAvx2Kernel", "BM_MemoryRead", 1500, 1 / 0.67},
+                        {"BM_IpChecksumAvx2Kernel", "BM_MemoryRead", 65535, 1 / 0.7}};
+  for (auto const& g : goals) {
+    std::string const ours = std::string(g.ours) + "/" + std::to_string(g.size);
+    std::string const peer = std::string(g.peer) + "/" + std::to_string(g.size);
+    if (reporter.cpu(ours) > 0 && reporter.cpu(peer) > 0) {
+      CorvidBench::printRatio(ours, peer, reporter.cpu(ours) / reporter.cpu(peer), g.goal);
+    }
+  }
+  CorvidBench::printMachine(std::string("checksum kernel ") + Corvid::ChecksumKernels::wordSumLongKernel() +
+                            " from 128 bytes, 64-bit scalar below; memory-read peer " +
+                            (__builtin_cpu_supports("avx2") ? "AVX2" : "scalar"));
   benchmark::Shutdown();
   return 0;
 }

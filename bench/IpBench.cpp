@@ -2,8 +2,8 @@
 //
 // Each pair runs the same corpus through Corvid and through inet_pton /
 // inet_ntop; the summary at the end prints Corvid's time as a fraction of
-// the C library's, against the goals (printers 0.3, IPv4 parsing 0.5, IPv6
-// parsing 1.0), and the heap allocations per operation counted by the
+// the C library's, against the goals (printers 0.3, IPv4 and IPv6 parsing
+// 0.5), and the heap allocations per operation counted by the
 // global operator new of AllocationCounter.h (the goal there is zero).
 #include <Corvid/Ip.h>
 #include <arpa/inet.h>
@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "AllocationCounter.h"
+#include "BenchRatio.h"
 
 namespace {
 
@@ -206,7 +207,7 @@ int main(int argc, char** argv) {
   Pair const pairs[] = {
       {"IPv4 text -> IpAddr vs inet_pton", "BM_Ipv4Parse_Corvid", "BM_Ipv4Parse_InetPton", 0.5},
       {"IpAddr -> text vs inet_ntop", "BM_Ipv4Print_Corvid", "BM_Ipv4Print_InetNtop", 0.3},
-      {"IPv6 text -> Ip6Addr vs inet_pton", "BM_Ipv6Parse_Corvid", "BM_Ipv6Parse_InetPton", 1.0},
+      {"IPv6 text -> Ip6Addr vs inet_pton", "BM_Ipv6Parse_Corvid", "BM_Ipv6Parse_InetPton", 0.5},
       {"Ip6Addr -> text vs inet_ntop", "BM_Ipv6Print_Corvid", "BM_Ipv6Print_InetNtop", 0.3},
       {"either-family text -> IpGenAddr vs inet_pton", "BM_IpGenParse_Corvid", "BM_IpGenParse_InetPton", 0},
       {"IpAddr::hash vs std::hash", "BM_Ipv4Hash_Corvid", "BM_Ipv4Hash_StdHash", 0},
@@ -228,6 +229,14 @@ int main(int argc, char** argv) {
     std::printf("%-46s %9.2f %9.2f %7.3f %6s %10.3f %s\n", p.what, ours->second.nsPerItem, peer->second.nsPerItem,
                 ratio, goal, ours->second.allocsPerOp, met ? "met" : "MISSED");
   }
-  std::printf("%s\n", allMet ? "all goals met" : "some goals missed");
+  std::printf("%s\n\n", allMet ? "all goals met" : "some goals missed");
+  for (auto const& p : pairs) {
+    auto ours = reporter.results.find(p.ours);
+    auto peer = reporter.results.find(p.peer);
+    if (ours == reporter.results.end() || peer == reporter.results.end() || peer->second.nsPerItem == 0) continue;
+    CorvidBench::printRatio(p.ours, p.peer, ours->second.nsPerItem / peer->second.nsPerItem, p.goal);
+  }
+  CorvidBench::printMachine("IPv6 reader classifies 16 characters per SSE2 step (x86-64 baseline), "
+                            "character by character elsewhere");
   return 0;
 }

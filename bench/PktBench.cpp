@@ -4,7 +4,7 @@
 // payload, prepend UDP, IPv4 and Ethernet headers into the headroom, bind
 // the three wrappers, fill the headers, set the IPv4 and UDP checksums,
 // release. Peer: malloc, memset and free of a buffer of the same 1536 bytes.
-// Goal: at most 3x the peer's time, and not one allocation on the prepend
+// Goal: at most 2x the peer's time, and not one allocation on the prepend
 // path while the headroom lasts. Allocations are counted by the replaced
 // global operator new of AllocationCounter.h; the ratio and the counts are
 // printed after the table.
@@ -111,12 +111,15 @@ int main(int argc, char** argv) {
   double const life = reporter.cpu("BM_PacketLife");
   double const peer = reporter.cpu("BM_MallocMemsetFree");
   if (life > 0 && peer > 0) {
-    std::printf("\npacket life %.1f ns, malloc/memset/free %.1f ns: %.2fx (goal <= 3x)\n", life, peer, life / peer);
+    std::printf("\npacket life %.1f ns, malloc/memset/free %.1f ns: %.2fx (goal <= 2x)\n", life, peer, life / peer);
+    CorvidBench::printRatio("BM_PacketLife", "BM_MallocMemsetFree", life / peer, 2.0);
   }
   if (lives > 0) {
     std::printf("allocations on the prepend path: %llu in %llu lives (goal 0)\n",
                 static_cast<unsigned long long>(prependAllocations), static_cast<unsigned long long>(lives));
   }
+  CorvidBench::printMachine("packets, buffers and header wrappers from per-thread caches; the IPv4 and UDP "
+                            "checksums (under 128 bytes each) by the 64-bit scalar path (vector kernels from 128 bytes)");
   benchmark::Shutdown();
   return 0;
 }

@@ -364,3 +364,46 @@ TEST(Ip6AttrLog, AddressesAreTheirSixteenBytesInOrder) {
 }
 
 }  // namespace
+
+// The same address read alone, followed by a short tail and followed by a
+// long one (more than the reader classifies at once): the value and the
+// characters taken must not depend on what follows, and must match
+// inet_pton. Groups of one to four digits in both cases, "::" anywhere,
+// and dotted quads, so every group end falls on every offset.
+TEST(Ip6AddrText, WhatFollowsTheAddressDoesNotChangeTheReading) {
+  std::mt19937 rng(613);
+  auto pick = [&](unsigned n) { return static_cast<unsigned>(rng() % n); };
+  std::string const tails[] = {"", "/64", " ", std::string(1, '\0') + "ff", "/" + std::string(60, 'a'),
+                               " " + std::string(50, ':'), "%eth0" + std::string(50, '.')};
+  int quads = 0;
+  for (int i = 0; i < 200000; ++i) {
+    std::string t;
+    unsigned const gapAt = pick(10);
+    bool const quad = pick(4) == 0;
+    unsigned const groups = gapAt < 8 ? pick(quad ? 5 : 7) : (quad ? 6 : 8);
+    for (unsigned k = 0; k < groups; ++k) {
+      char buf[8];
+      unsigned const digits = 1 + pick(4);
+      std::snprintf(buf, sizeof buf, pick(2) ? "%0*x" : "%0*X", static_cast<int>(digits), pick(1u << (4 * digits)));
+      t += (k == gapAt ? "::" : k ? ":" : "") + std::string(buf);
+    }
+    if (gapAt >= groups && gapAt < 8) t += "::";
+    if (quad) {
+      t += (t.empty() || t.back() == ':' ? "" : ":") + std::to_string(pick(256)) + "." + std::to_string(pick(256)) +
+           "." + std::to_string(pick(256)) + "." + std::to_string(pick(256));
+      ++quads;
+    }
+    in6_addr c;
+    ASSERT_EQ(inet_pton(AF_INET6, t.c_str(), &c), 1) << t;
+    for (auto const& tail : tails) {
+      String const text(t + tail);
+      Brio::StringIter pos = text.begin();
+      Ip6Addr a;
+      std::string const err = errorOf([&] { a = sequenceToValue(pos, text.end(), static_cast<Ip6Addr*>(nullptr)); });
+      ASSERT_EQ(err, "") << t << " then " << tail.substr(0, 4);
+      ASSERT_EQ(pos - text.begin(), static_cast<std::ptrdiff_t>(t.size())) << t << " then " << tail.substr(0, 4);
+      ASSERT_EQ(std::memcmp(a.bytes(), &c, 16), 0) << t << " then " << tail.substr(0, 4);
+    }
+  }
+  EXPECT_GT(quads, 10000);
+}

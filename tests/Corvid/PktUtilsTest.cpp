@@ -38,6 +38,36 @@ std::string const ip4Header = fromHex("450000730000400040 11b861c0a80001c0a800c7
 
 std::string ip4Frame() { return ethIp4 + ip4Header + std::string(0x73 - 20, 'p'); }
 
+// Wrappers come from per-thread caches, one per size with four sizes cached:
+// six wrapper types made and dropped in a shuffled order, some held across
+// rounds, must always be distinct objects bound where they were asked to be.
+TEST(HdrWrapper, CachedWrapperMemoryIsNeverHandedOutTwice) {
+  Brio::Ptr<Pkt> pkt = exactPkt(std::string(128, '\0'));
+  std::vector<Brio::Ptr<Brio::PtrInterface>> held;
+  std::vector<std::pair<void const*, U8 const*>> live;  // wrapper, header it was bound to
+  auto keep = [&](auto w, U32 offset) {
+    EXPECT_EQ(reinterpret_cast<U8 const*>(w->header()), reinterpret_cast<U8 const*>(pkt->frontData()) + offset);
+    for (auto const& [other, header] : live) EXPECT_NE(other, static_cast<void const*>(w.ptr()));
+    live.emplace_back(w.ptr(), reinterpret_cast<U8 const*>(w->header()));
+    held.push_back(w);
+  };
+  for (U32 round = 0; round < 200; ++round) {
+    U32 const offset = round % 40;
+    switch (round % 6) {
+      case 0: keep(ethHdrWrapperFactory(pkt, offset), offset); break;
+      case 1: keep(ipHdrWrapperFactory(pkt, offset), offset); break;
+      case 2: keep(udpHdrWrapperFactory(pkt, offset), offset); break;
+      case 3: keep(ip6HdrWrapperFactory(pkt, offset), offset); break;
+      case 4: keep(tcpHdrWrapperFactory(pkt, offset), offset); break;
+      default: keep(mplsHdrWrapperFactory(pkt, offset), offset); break;
+    }
+    if (round % 7 == 6) {  // drop all but the newest two, in order of making
+      held.erase(held.begin(), held.end() - 2);
+      live.erase(live.begin(), live.end() - 2);
+    }
+  }
+}
+
 TEST(HdrWrapper, BitFieldSettersLeaveNeighbouringBitsAlone) {
   Brio::Ptr<Pkt> pkt = exactPkt(std::string(40, '\xff'));
   auto ip6 = ip6HdrWrapperFactory(pkt, 0);
