@@ -1,4 +1,5 @@
 #include <Corvid/RtnlMirror.h>
+#include <poll.h>
 
 namespace Corvid {
 
@@ -30,7 +31,21 @@ RtnlMirror::RtnlMirror(NamespaceName const& ns, U32 groups, Listener* listener) 
 
 RtnlMirror::~RtnlMirror() { sm_->handleDestruction(); }
 
-void RtnlMirror::start(bool synchronous) { sm_->doInitializeNetlinkSocket(synchronous); }
+void RtnlMirror::start(bool synchronous) {
+  sm_->doInitializeNetlinkSocket(synchronous);
+  // A synchronous dump gives up when one service call runs past the
+  // watcher's time budget (a large table on a loaded machine); the rest would
+  // come with the loop's readable notifications. Finish it here instead, so
+  // that a synchronous start means a complete dump, waiting for the socket
+  // rather than spinning, and never longer than a minute.
+  double const deadline = Brio::monotonicNow() + 60;
+  auto open = [this] { return sm_->netlinkFd() && sm_->netlinkFd()->descriptor() >= 0; };
+  while (synchronous && !synced() && open() && !sm_->resyncInProgress() && Brio::monotonicNow() < deadline) {
+    pollfd p{sm_->netlinkFd()->descriptor(), POLLIN, 0};
+    ::poll(&p, 1, 100);
+    sm_->handleNetlinkFdReadable();
+  }
+}
 
 bool RtnlMirror::synced() const {
   return sm_->requestDumpState() == RequestDumpState::rdsEnd && sm_->netlinkSubscriptionSocket() == -1 &&

@@ -44,7 +44,10 @@ class RtnlMirror : public Brio::PtrInterface {
   RtnlMirror(NamespaceName const& ns, U32 groups, Listener* listener = nullptr);
   ~RtnlMirror() override;
 
-  // Opens the sockets and dumps (synchronously: complete on return).
+  // Opens the sockets and dumps. Synchronously, the dump is complete on
+  // return (it waits for the rest when the watcher's time budget cut the
+  // first pass short), unless the namespace cannot be entered or the dump
+  // failed and a resync is scheduled.
   void start(bool synchronous);
   NetlinkNetNsSm* sm() const { return sm_.ptr(); }
 
