@@ -25,42 +25,7 @@ constexpr int lvLoss = 2;
 constexpr int lvStep = 5;
 constexpr int lvMsg = 8;
 
-constexpr RequestDumpState allDumpStates[] = {RequestDumpState::rdsStart, RequestDumpState::rdsCouldSendIpRequest,
-                                              RequestDumpState::rdsCouldSendNeighborRequest,
-                                              RequestDumpState::rdsCouldCleanup, RequestDumpState::rdsEnd};
-constexpr ServiceNetlinkFdState allServiceStates[] = {ServiceNetlinkFdState::nlSuccess, ServiceNetlinkFdState::nlFail,
-                                                      ServiceNetlinkFdState::nlRetry};
-
 }  // namespace
-
-char const* toString(RequestDumpState v) {
-  switch (v) {
-    case RequestDumpState::rdsStart: return "rdsStart";
-    case RequestDumpState::rdsCouldSendIpRequest: return "rdsCouldSendIpRequest";
-    case RequestDumpState::rdsCouldSendNeighborRequest: return "rdsCouldSendNeighborRequest";
-    case RequestDumpState::rdsCouldCleanup: return "rdsCouldCleanup";
-    case RequestDumpState::rdsEnd: return "rdsEnd";
-  }
-  return "rdsEnd";
-}
-char const* toString(ServiceNetlinkFdState v) {
-  switch (v) {
-    case ServiceNetlinkFdState::nlSuccess: return "nlSuccess";
-    case ServiceNetlinkFdState::nlFail: return "nlFail";
-    case ServiceNetlinkFdState::nlRetry: return "nlRetry";
-  }
-  return "nlFail";
-}
-Brio::String valueToStrep(RequestDumpState v) { return toString(v); }
-Brio::String valueToStrep(ServiceNetlinkFdState v) { return toString(v); }
-std::ostream& operator<<(std::ostream& os, RequestDumpState v) { return os << toString(v); }
-std::ostream& operator<<(std::ostream& os, ServiceNetlinkFdState v) { return os << toString(v); }
-RequestDumpState sequenceToValue(Brio::StringIter& pos, Brio::StringIter const& end, RequestDumpState*) {
-  return readEnumWord(pos, end, allDumpStates, "Invalid RequestDumpState");
-}
-ServiceNetlinkFdState sequenceToValue(Brio::StringIter& pos, Brio::StringIter const& end, ServiceNetlinkFdState*) {
-  return readEnumWord(pos, end, allServiceStates, "Invalid ServiceNetlinkFdState");
-}
 
 void NetlinkMessageCallback::callback(nlmsghdr* const&) {
   FENNEL_ASSERT("NetlinkMessageCallback::callback not overwritten" && false);

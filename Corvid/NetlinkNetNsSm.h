@@ -49,16 +49,23 @@ enum class RequestDumpState : U8 {
 
 enum class ServiceNetlinkFdState : U8 { nlSuccess, nlFail, nlRetry };
 
-char const* toString(RequestDumpState v);
-char const* toString(ServiceNetlinkFdState v);
-Brio::String valueToStrep(RequestDumpState v);
-Brio::String valueToStrep(ServiceNetlinkFdState v);
-std::ostream& operator<<(std::ostream& os, RequestDumpState v);
-std::ostream& operator<<(std::ostream& os, ServiceNetlinkFdState v);
-// Read a member name; anything else raises "Invalid RequestDumpState" /
-// "Invalid ServiceNetlinkFdState".
-RequestDumpState sequenceToValue(Brio::StringIter& pos, Brio::StringIter const& end, RequestDumpState*);
-ServiceNetlinkFdState sequenceToValue(Brio::StringIter& pos, Brio::StringIter const& end, ServiceNetlinkFdState*);
+// Text forms: the member names; anything else reads as "Invalid
+// RequestDumpState" / "Invalid ServiceNetlinkFdState".
+inline constexpr char const* requestDumpStateNames[] = {"rdsStart", "rdsCouldSendIpRequest",
+                                                        "rdsCouldSendNeighborRequest", "rdsCouldCleanup", "rdsEnd"};
+inline constexpr RequestDumpState requestDumpStateValues[] = {
+    RequestDumpState::rdsStart, RequestDumpState::rdsCouldSendIpRequest, RequestDumpState::rdsCouldSendNeighborRequest,
+    RequestDumpState::rdsCouldCleanup, RequestDumpState::rdsEnd};
+inline constexpr EnumNames<RequestDumpState, 5> requestDumpStateText{requestDumpStateNames, requestDumpStateValues,
+                                                                     "Invalid RequestDumpState"};
+CORVID_ENUM_TEXT(RequestDumpState, requestDumpStateText)
+
+inline constexpr char const* serviceNetlinkFdStateNames[] = {"nlSuccess", "nlFail", "nlRetry"};
+inline constexpr ServiceNetlinkFdState serviceNetlinkFdStateValues[] = {
+    ServiceNetlinkFdState::nlSuccess, ServiceNetlinkFdState::nlFail, ServiceNetlinkFdState::nlRetry};
+inline constexpr EnumNames<ServiceNetlinkFdState, 3> serviceNetlinkFdStateText{
+    serviceNetlinkFdStateNames, serviceNetlinkFdStateValues, "Invalid ServiceNetlinkFdState"};
+CORVID_ENUM_TEXT(ServiceNetlinkFdState, serviceNetlinkFdStateText)
 
 // The client's hooks. Each is a counted object with a name; the client
 // derives and overrides callback(). The base versions abort: a watcher

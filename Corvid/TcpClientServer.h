@@ -329,9 +329,9 @@ inline constexpr TcpClientStatus::ConnectionStatus connectionStatusValues[] = {
     TcpClientStatus::ConnectionStatus::idle_, TcpClientStatus::ConnectionStatus::failed_,
     TcpClientStatus::ConnectionStatus::connecting_, TcpClientStatus::ConnectionStatus::connected_,
     TcpClientStatus::ConnectionStatus::timedout_};
-inline constexpr tcpDetail::EnumNames<TcpClientStatus::ConnectionStatus, 5> connectionStatusText{
+inline constexpr EnumNames<TcpClientStatus::ConnectionStatus, 5> connectionStatusText{
     connectionStatusNames, connectionStatusValues, "Invalid ConnectionStatus"};
-CORVID_TCP_ENUM_TEXT(TcpClientStatus::ConnectionStatus, connectionStatusText)
+CORVID_ENUM_TEXT(TcpClientStatus::ConnectionStatus, connectionStatusText)
 
 Brio::Ptr<TcpClientStatus> tcpClientStatusFactory();
 
@@ -481,8 +481,8 @@ inline constexpr char const* sdTypeNames[] = {"sdListening", "sdAccepted", "sdCo
 inline constexpr TcpSmBase::SdType sdTypeValues[] = {TcpSmBase::SdType::sdListening_, TcpSmBase::SdType::sdAccepted_,
                                                     TcpSmBase::SdType::sdConnecting_,
                                                     TcpSmBase::SdType::sdEstablished_};
-inline constexpr tcpDetail::EnumNames<TcpSmBase::SdType, 4> sdTypeText{sdTypeNames, sdTypeValues, "Invalid SdType"};
-CORVID_TCP_ENUM_TEXT(TcpSmBase::SdType, sdTypeText)
+inline constexpr EnumNames<TcpSmBase::SdType, 4> sdTypeText{sdTypeNames, sdTypeValues, "Invalid SdType"};
+CORVID_ENUM_TEXT(TcpSmBase::SdType, sdTypeText)
 
 // Every reactor trace line carries this after the function name.
 std::ostream& operator<<(std::ostream& os, TcpSmBase const* sm);

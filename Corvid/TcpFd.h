@@ -25,32 +25,6 @@
 
 namespace Corvid {
 
-namespace tcpDetail {
-// Text forms of the TCP enumerations: the member name without its trailing
-// underscore ("connecting" for connecting_), values numbered from 0 and
-// listed in `values` in the same order as their names.
-template <class E, std::size_t N>
-struct EnumNames {
-  char const* const (&names)[N];
-  E const (&values)[N];
-  char const* message;
-  char const* text(E e) const {
-    auto i = static_cast<std::size_t>(e);
-    return i < N ? names[i] : "unknown";
-  }
-};
-}  // namespace tcpDetail
-
-// Declares toString, valueToStrep, sequenceToValue and operator<< of an
-// enumeration from a names object of type tcpDetail::EnumNames.
-#define CORVID_TCP_ENUM_TEXT(Type, namesObject)                                                    \
-  inline char const* toString(Type e) { return (namesObject).text(e); }                           \
-  inline ::Brio::String valueToStrep(Type e) { return (namesObject).text(e); }                    \
-  inline Type sequenceToValue(::Brio::StringIter& pos, ::Brio::StringIter const& end, Type*) {    \
-    return readEnumWord(pos, end, (namesObject).values, (namesObject).message);                    \
-  }                                                                                                \
-  inline std::ostream& operator<<(std::ostream& os, Type e) { return os << (namesObject).text(e); }
-
 class TcpFileDescriptor : public Brio::Entity {
  public:
   int descriptor() const { return descriptor_; }

@@ -55,9 +55,9 @@ inline constexpr char const* tcpPduPamEnableModeNames[] = {"tcpEnableModeNone", 
 inline constexpr TcpPduPamEnableMode tcpPduPamEnableModeValues[] = {
     TcpPduPamEnableMode::tcpEnableModeNone_, TcpPduPamEnableMode::tcpEnableModeReadWrite_,
     TcpPduPamEnableMode::tcpEnableModeReadOnly_, TcpPduPamEnableMode::tcpEnableModeWriteOnly_};
-inline constexpr tcpDetail::EnumNames<TcpPduPamEnableMode, 4> tcpPduPamEnableModeText{
+inline constexpr EnumNames<TcpPduPamEnableMode, 4> tcpPduPamEnableModeText{
     tcpPduPamEnableModeNames, tcpPduPamEnableModeValues, "Invalid TcpPduPamEnableMode"};
-CORVID_TCP_ENUM_TEXT(TcpPduPamEnableMode, tcpPduPamEnableModeText)
+CORVID_ENUM_TEXT(TcpPduPamEnableMode, tcpPduPamEnableModeText)
 
 class TcpKeepaliveOptions {
  public:
@@ -87,9 +87,9 @@ inline constexpr char const* tcpPduPamReadResultNames[] = {"fullPduRead", "readM
 inline constexpr TcpPduPamReadResult tcpPduPamReadResultValues[] = {
     TcpPduPamReadResult::fullPduRead_, TcpPduPamReadResult::readMoreData_, TcpPduPamReadResult::waitForMoreData_,
     TcpPduPamReadResult::error_};
-inline constexpr tcpDetail::EnumNames<TcpPduPamReadResult, 4> tcpPduPamReadResultText{
+inline constexpr EnumNames<TcpPduPamReadResult, 4> tcpPduPamReadResultText{
     tcpPduPamReadResultNames, tcpPduPamReadResultValues, "Invalid TcpPduPamReadResult"};
-CORVID_TCP_ENUM_TEXT(TcpPduPamReadResult, tcpPduPamReadResultText)
+CORVID_ENUM_TEXT(TcpPduPamReadResult, tcpPduPamReadResultText)
 
 enum class TcpPduPamWriteResult : U8 {
   fullWrite_ = 0,
@@ -103,9 +103,9 @@ inline constexpr char const* tcpPduPamWriteResultNames[] = {"fullWrite", "partia
 inline constexpr TcpPduPamWriteResult tcpPduPamWriteResultValues[] = {
     TcpPduPamWriteResult::fullWrite_, TcpPduPamWriteResult::partialWrite_, TcpPduPamWriteResult::waitForWriteSpace_,
     TcpPduPamWriteResult::writeMoreData_, TcpPduPamWriteResult::error_};
-inline constexpr tcpDetail::EnumNames<TcpPduPamWriteResult, 5> tcpPduPamWriteResultText{
+inline constexpr EnumNames<TcpPduPamWriteResult, 5> tcpPduPamWriteResultText{
     tcpPduPamWriteResultNames, tcpPduPamWriteResultValues, "Invalid TcpPduPamWriteResult"};
-CORVID_TCP_ENUM_TEXT(TcpPduPamWriteResult, tcpPduPamWriteResultText)
+CORVID_ENUM_TEXT(TcpPduPamWriteResult, tcpPduPamWriteResultText)
 
 template <class R>
 struct TcpPduPamReturn {

@@ -97,6 +97,29 @@ E readEnumWord(Brio::StringIter& pos, Brio::StringIter const& end, E const (&all
   Brio::throwRangeException(message);
 }
 
+// Text forms of an enumeration whose words are its member names (without
+// a trailing underscore), values numbered from 0 and listed in `values` in
+// the same order as their names. CORVID_ENUM_TEXT declares toString,
+// valueToStrep, sequenceToValue and operator<< from such a names object.
+template <class E, std::size_t N>
+struct EnumNames {
+  char const* const (&names)[N];
+  E const (&values)[N];
+  char const* message;
+  char const* text(E e) const {
+    auto i = static_cast<std::size_t>(e);
+    return i < N ? names[i] : "unknown";
+  }
+};
+
+#define CORVID_ENUM_TEXT(Type, namesObject)                                                        \
+  inline char const* toString(Type e) { return (namesObject).text(e); }                           \
+  inline ::Brio::String valueToStrep(Type e) { return (namesObject).text(e); }                    \
+  inline Type sequenceToValue(::Brio::StringIter& pos, ::Brio::StringIter const& end, Type*) {    \
+    return ::Corvid::readEnumWord(pos, end, (namesObject).values, (namesObject).message);          \
+  }                                                                                                \
+  inline std::ostream& operator<<(std::ostream& os, Type e) { return os << (namesObject).text(e); }
+
 // Byte arrays in the attribute log: each byte as a U8, in order.
 template <std::size_t N>
 void attrLogWriteBytes(Brio::NboAttrLog& log, std::array<U8, N> const& bytes) {
