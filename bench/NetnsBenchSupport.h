@@ -1,11 +1,14 @@
-// Benchmark support: a network namespace of the benchmark's own with a veth
-// pair and many permanent neighbours, and the bare netlink dump a
-// hand-written client would do, as the peer to compare against.
+// Benchmark support: loopback addresses, a network namespace of the
+// benchmark's own with a veth pair and many permanent neighbours, and the
+// bare netlink dump a hand-written client would do, as the peer to compare
+// against.
 #pragma once
 
 #include <Corvid/NetlinkUtils.h>
 #include <Corvid/NetnsUtils.h>
+#include <arpa/inet.h>
 #include <linux/rtnetlink.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,6 +18,15 @@
 #include <string>
 
 namespace CorvidBench {
+
+// 127.0.0.1 at `port` (0: any).
+inline sockaddr_in loopbackPort(U16 port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = htons(port);
+  return a;
+}
 
 inline int sh(std::string const& cmd) { return std::system(cmd.c_str()); }
 

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "BenchRatio.h"
+#include "NetnsBenchSupport.h"
 
 namespace {
 
@@ -42,13 +43,7 @@ bool enterPrivateNamespace() {
   return ok;
 }
 
-sockaddr_in loopbackPort(U16 port) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  a.sin_port = htons(port);
-  return a;
-}
+using CorvidBench::loopbackPort;
 
 int udpSender() { return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); }
 
@@ -95,14 +90,22 @@ void DatagramPamReceive(benchmark::State& state) {
 }
 BENCHMARK(DatagramPamReceive)->UseRealTime();
 
+// The bare peer's socket: non-blocking UDP on a loopback port of its own
+// (returned in `a`), with room for whole bursts.
+int bareReceiver(sockaddr_in* a) {
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  *a = loopbackPort(0);
+  bind(fd, reinterpret_cast<sockaddr*>(a), sizeof *a);
+  socklen_t len = sizeof *a;
+  getsockname(fd, reinterpret_cast<sockaddr*>(a), &len);
+  bigReceiveBuffer(fd);
+  return fd;
+}
+
 void BareRecvfrom(benchmark::State& state) {
   if (!enterPrivateNamespace()) return state.SkipWithError("needs root for a network namespace");
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  sockaddr_in a = loopbackPort(0);
-  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  socklen_t len = sizeof a;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  bigReceiveBuffer(fd);
+  sockaddr_in a;
+  int fd = bareReceiver(&a);
   int sender = udpSender();
   char buf[1536];
   for (auto _ : state) {
@@ -139,12 +142,8 @@ void DatagramPamVsBarePaired(benchmark::State& state) {
   pam->enabledIs(true);
   bigReceiveBuffer(pam->socket()->descriptor());
   Drain drain(pam);
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  sockaddr_in a = loopbackPort(0);
-  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  socklen_t len = sizeof a;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  bigReceiveBuffer(fd);
+  sockaddr_in a;
+  int fd = bareReceiver(&a);
   int sender = udpSender();
   char buf[1536];
   std::vector<double> pamNs, bareNs;

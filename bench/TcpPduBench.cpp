@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "BenchRatio.h"
+#include "NetnsBenchSupport.h"
 
 namespace {
 
@@ -36,13 +37,7 @@ bool enterPrivateNamespace() {
   return ok;
 }
 
-sockaddr_in loopbackPort(U16 port) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  a.sin_port = htons(port);
-  return a;
-}
+using CorvidBench::loopbackPort;
 
 // A connected loopback pair with room for a whole burst on both sides.
 struct StreamPair {
