@@ -159,7 +159,9 @@ TEST(MplsStack, EntropyPositionRulesTable) {
     Stack s = appended(c.start);
     auto const before = valueToStrep(s);
     EXPECT_EQ(s.entropyLabelAndIndicatorIs(c.position), c.expected);
-    if (c.expected != Error::success) EXPECT_EQ(valueToStrep(s), before);
+    if (c.expected != Error::success) {
+      EXPECT_EQ(valueToStrep(s), before);
+    }
   }
 }
 
@@ -378,7 +380,9 @@ TEST(MplsStackRandomized, BoundedAndDynamicAgreeAndKeepEntropyRules) {
         d = dBefore;
       } else {
         ASSERT_EQ(rb, rd) << "run " << run << " step " << step << " op " << op;
-        if (!BoundedMplsLabelStackResult(rb).success()) ASSERT_EQ(valueToStrep(b), bBefore);
+        if (!BoundedMplsLabelStackResult(rb).success()) {
+          ASSERT_EQ(valueToStrep(b), bBefore);
+        }
       }
       ASSERT_NO_FATAL_FAILURE(expectEntropyRules(b));
       ASSERT_NO_FATAL_FAILURE(expectSame(b, d));
