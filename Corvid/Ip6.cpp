@@ -375,7 +375,6 @@ constexpr int scanBytes = 48;
 struct Scan {
   U64 hex;    // bit i: character i is a hex digit
   U64 colon;  // bit i: character i is ':'
-  U64 dot;    // bit i: character i is '.'
   alignas(16) U16 group[scanBytes];  // the value of the digit run ending at i (its last four digits)
 };
 
@@ -417,9 +416,9 @@ inline __m128i shiftIn(__m128i x, __m128i before) {
 inline void scan(char const* text, std::size_t len, Scan* s) {
   __m128i const zeroDigit = _mm_set1_epi8('0'), nine = _mm_set1_epi8(9);
   __m128i const lowerA = _mm_set1_epi8('a'), five = _mm_set1_epi8(5), caseBit = _mm_set1_epi8(0x20);
-  __m128i const colon = _mm_set1_epi8(':'), dot = _mm_set1_epi8('.'), low = _mm_set1_epi8(0x0f);
+  __m128i const colon = _mm_set1_epi8(':'), low = _mm_set1_epi8(0x0f);
   __m128i prevHex = _mm_setzero_si128(), prevValue = _mm_setzero_si128(), prevPair = _mm_setzero_si128();
-  U64 hex = 0, colons = 0, dots = 0;
+  U64 hex = 0, colons = 0;
   for (std::size_t c = 0; c < scanBytes && c <= len; c += 16) {
     __m128i const x = len - c >= 16 ? _mm_loadu_si128(reinterpret_cast<__m128i const*>(text + c))
                                     : loadPartial(text + c, len - c);
@@ -443,11 +442,9 @@ inline void scan(char const* text, std::size_t len, Scan* s) {
     prevPair = pair;
     hex |= U64(static_cast<U16>(_mm_movemask_epi8(isHex))) << c;
     colons |= U64(static_cast<U16>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, colon)))) << c;
-    dots |= U64(static_cast<U16>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, dot)))) << c;
   }
   s->hex = hex;
   s->colon = colons;
-  s->dot = dots;
 }
 
 // Reads text[0, len) into out and returns the characters taken, or 0 when
@@ -465,7 +462,7 @@ int readIp6Fast(char const* text, char const* e, std::size_t len, Ip6Addr* out) 
   scan(text, len, &s);
   int const run = std::countr_zero(~(s.hex | s.colon));
   if (run < 2 || run >= scanBytes) return 0;
-  bool const quad = (s.dot >> run) & 1;
+  bool const quad = static_cast<std::size_t>(run) < len && text[run] == '.';
   // Without a quad the groups fill the run; with one they end at its last
   // colon and the quad's first number is the rest.
   int const end = quad ? std::bit_width(s.colon & ((U64(1) << run) - 1)) : run;
@@ -479,31 +476,24 @@ int readIp6Fast(char const* text, char const* e, std::size_t len, Ip6Addr* out) 
                    ((colon & 1) && !(doubled & 1)) ||                           // ":1"
                    (!quad && ((colon >> (end - 1)) & 1) && !((doubled >> (end - 2)) & 1));  // "1:"
   if (bad) return 0;
-  // Counted here rather than with popcount, which the x86-64 baseline lacks.
-  unsigned __int128 acc = 0;
-  int groups = 0, before = 0;
-  for (U64 l = lasts; l; l &= l - 1) {
-    acc = acc << 16 | s.group[std::countr_zero(l)];
-    ++groups;
-    before += (l & -l) < doubled;  // groups before "::"
-  }
-  int const wanted = quad ? 6 : 8;
+  // The groups before "::" (all of them without one) and those after it,
+  // each counted as it is read: the x86-64 baseline has no popcount.
+  unsigned __int128 head = 0, tail = 0;
+  int before = 0, after = 0;
+  for (U64 l = lasts & (doubled - 1); l; l &= l - 1, ++before) head = head << 16 | s.group[std::countr_zero(l)];
+  for (U64 l = lasts & ~(doubled - 1); l; l &= l - 1, ++after) tail = tail << 16 | s.group[std::countr_zero(l)];
+  int const groups = before + after, wanted = quad ? 6 : 8;
   if (doubled ? groups >= wanted : groups != wanted) return 0;
-  int n = groups, taken = end;
+  int taken = end;
   if (quad) {
     U32 nbo;
     char const* q = ipDetail::readIpv4(text + end, e, &nbo);
     if (!q) return 0;
-    acc = acc << 32 | ipDetail::swapNet32(nbo);
-    n += 2;
+    tail = tail << 32 | ipDetail::swapNet32(nbo);
     taken = static_cast<int>(q - text);
   }
-  if (doubled) {
-    // The groups after "::" stay at the bottom; those before it move to the top.
-    int const after = 16 * (n - before);
-    unsigned __int128 const tail = acc & ((static_cast<unsigned __int128>(1) << after) - 1);
-    acc = before ? (acc >> after) << (16 * (8 - before)) | tail : tail;
-  }
+  // The groups before "::" move to the top (head is 0 when there are none).
+  unsigned __int128 const acc = head << ((16 * (8 - before)) & 127) | tail;
   // Two eight-byte stores: the caller reads the address back in two halves.
   U64 const halves[2] = {__builtin_bswap64(static_cast<U64>(acc >> 64)), __builtin_bswap64(static_cast<U64>(acc))};
   static_assert(sizeof(Ip6Addr) == sizeof halves && std::is_trivially_copyable_v<Ip6Addr>);
