@@ -23,6 +23,8 @@
 #include <Fennel/Fennel.h>
 
 #include <bit>
+#include <utility>
+#include <vector>
 #include <compare>
 #include <cstddef>
 #include <cstring>
@@ -131,10 +133,17 @@ bool avx2Available();
 // Only where avx512Available() (AVX-512BW).
 U64 wordSumAvx512(U8 const* p, std::size_t len);
 bool avx512Available();
+// Only where avx512VnniAvailable() (AVX-512BW and AVX-512 VNNI).
+U64 wordSumAvx512Vnni(U8 const* p, std::size_t len);
+bool avx512VnniAvailable();
+// Every kernel this CPU can run, by name, narrowest first (for tests and
+// benchmarks that hold them against each other).
+using WordSumFn = U64 (*)(U8 const*, std::size_t);
+std::vector<std::pair<char const*, WordSumFn>> wordSumKernels();
 // The widest kernel the CPU has; for buffers where set-up pays off.
 U64 wordSumLong(U8 const* p, std::size_t len);
-// The kernel wordSumLong uses on this machine: "avx512", "avx2", "sse2" or
-// "scalar".
+// The kernel wordSumLong uses on this machine: "avx512-vnni", "avx512",
+// "avx2", "sse2" or "scalar".
 char const* wordSumLongKernel();
 
 // Below this the vector set-up costs more than it saves.
