@@ -35,15 +35,6 @@ U32 inodeOf(std::string const& name) {
   return stat(pathOf(name).c_str(), &st) == 0 ? static_cast<U32>(st.st_ino) : 0;
 }
 
-// Removes what a test left at run-directory paths (FIFOs, links), on top of
-// NamedNetns's own `ip netns del`.
-struct EntryGuard {
-  ~EntryGuard() {
-    for (auto const& p : paths) sh("rm -rf '" + p + "'");
-  }
-  std::vector<std::string> paths;
-};
-
 // Records which of the test's names were announced through Root's notifiees.
 class RootRecorder : public Root::Notifiee {
  public:
@@ -105,9 +96,8 @@ TEST_F(KernelNetNsInfoTest, StartupListingPicksUpExistingNamespacesAndParksBareF
 }
 
 TEST_F(KernelNetNsInfoTest, EntriesThatCanNeverBeNamespacesAreDroppedWithoutBlocking) {
-  NamedNetns fifo("kni", false), dangling("kni", false);
-  std::string const longName = "corvid-kni-" + std::to_string(getpid()) + "-" + std::string(180, 'x');
-  EntryGuard guard{{pathOf(fifo.name()), pathOf(dangling.name()), pathOf(longName)}};
+  // Their guards' `ip netns del` unlinks whatever is at the path.
+  NamedNetns fifo("kni", false), dangling("kni", false), tooLong("kni-" + std::string(180, 'x'), false);
   struct Case {
     std::string name;
     std::string make;
@@ -116,7 +106,7 @@ TEST_F(KernelNetNsInfoTest, EntriesThatCanNeverBeNamespacesAreDroppedWithoutBloc
       {fifo.name(), "mkfifo " + pathOf(fifo.name())},
       {dangling.name(), "ln -s /nonexistent/corvid " + pathOf(dangling.name())},
       // Longer than a NamespaceName may be.
-      {longName, "touch " + pathOf(longName)},
+      {tooLong.name(), "touch " + pathOf(tooLong.name())},
   };
   ASSERT_EQ(sh(cases[0].make), 0);  // one present at start-up, the rest seen through inotify
   // Should the manager open the FIFO after all, a writer frees it after 3 s:

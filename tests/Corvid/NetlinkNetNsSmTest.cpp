@@ -64,7 +64,9 @@ class Mirror : public NetlinkNetNsSm::Notifiee {
   State state() const {
     State s;
     for (auto const& [i, e] : mirror.links()) addLine(s, "link " + std::to_string(i) + ' ' + e.value.name.name().str());
-    for (auto const& [k, e] : mirror.addrs()) addLine(s, "addr " + std::to_string(k.first) + ' ' + Brio::strep(k.second).str());
+    for (auto const& [k, e] : mirror.addrs()) {
+      addLine(s, "addr " + std::to_string(k.first) + ' ' + Brio::strep(k.second).str());
+    }
     for (auto const& [k, e] : mirror.neighs()) {
       std::string const mac = e.value.hasMac ? Brio::strep(e.value.mac).str() : "-";
       addLine(s, "neigh " + std::to_string(k.first) + ' ' + Brio::strep(k.second).str() + ' ' + mac);
@@ -76,7 +78,9 @@ class Mirror : public NetlinkNetNsSm::Notifiee {
 // The kernel's view through iproute2, of the kinds `groups` watches. "nud
 // all": the watcher hears of neighbours in every state, NOARP ones included.
 State kernelState(NamedNetns const& ns, U32 groups) {
-  auto ip = [&](std::string const& what) { return nlohmann::json::parse(shOutput("ip -n " + ns.name() + " -j " + what)); };
+  auto ip = [&](std::string const& what) {
+    return nlohmann::json::parse(shOutput("ip -n " + ns.name() + " -j " + what));
+  };
   bool const addrs = groups & (RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR);
   State s;
   std::map<std::string, int> index;
@@ -86,12 +90,13 @@ State kernelState(NamedNetns const& ns, U32 groups) {
   }
   for (auto const& l : addrs ? ip("addr show") : nlohmann::json::array()) {
     for (auto const& a : l.at("addr_info")) {
-      addLine(s, "addr " + l.at("ifindex").dump() + ' ' + a.at("local").get<std::string>() + '/' + a.at("prefixlen").dump());
+      std::string const local = a.at("local").get<std::string>();
+      addLine(s, "addr " + l.at("ifindex").dump() + ' ' + local + '/' + a.at("prefixlen").dump());
     }
   }
-  for (auto const& n : groups & RTMGRP_NEIGH ? ip("neigh show nud all") : nlohmann::json::array()) {
-    std::string const dev = n.at("dev").get<std::string>();
-    addLine(s, "neigh " + std::to_string(index[dev]) + ' ' + n.at("dst").get<std::string>() + ' ' + n.value("lladdr", "-"));
+  for (auto const& n : (groups & RTMGRP_NEIGH) ? ip("neigh show nud all") : nlohmann::json::array()) {
+    std::string const dev = n.at("dev").get<std::string>(), dst = n.at("dst").get<std::string>();
+    addLine(s, "neigh " + std::to_string(index[dev]) + ' ' + dst + ' ' + n.value("lladdr", "-"));
   }
   return s;
 }
@@ -121,13 +126,14 @@ State made(State const& s) {
 }
 
 // Runs `ip -batch` with neighbour commands on veth0 for 10.x.y.z, x.y.z
-// counting up from `from` (deletions ignore the address and state).
+// counting up from `from` (deletions ignore the link-layer address and state).
 void neighBatch(NamedNetns const& ns, char const* verb, int from, int count) {
   FILE* ip = popen(("ip -n " + ns.name() + " -batch -").c_str(), "w");
   ASSERT_NE(ip, nullptr);
   for (int i = from; i < from + count; ++i) {
     int const x = i >> 16 & 255, y = i >> 8 & 255, z = i & 255;
-    fprintf(ip, "neigh %s 10.%d.%d.%d lladdr 02:00:%02x:%02x:%02x:01 nud permanent dev veth0\n", verb, x, y, z, x, y, z);
+    fprintf(ip, "neigh %s 10.%d.%d.%d lladdr 02:00:%02x:%02x:%02x:01 nud permanent dev veth0\n", verb, x, y, z, x,
+            y, z);
   }
   ASSERT_EQ(pclose(ip), 0);
 }
