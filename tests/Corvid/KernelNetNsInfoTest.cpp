@@ -35,15 +35,6 @@ U32 inodeOf(std::string const& name) {
   return stat(pathOf(name).c_str(), &st) == 0 ? static_cast<U32>(st.st_ino) : 0;
 }
 
-// Removes what a test left at run-directory paths (FIFOs, links), on top of
-// NamedNetns's own `ip netns del`.
-struct EntryGuard {
-  ~EntryGuard() {
-    for (auto const& p : paths) sh("rm -rf '" + p + "'");
-  }
-  std::vector<std::string> paths;
-};
-
 // Records which of the test's names were announced through Root's notifiees.
 class RootRecorder : public Root::Notifiee {
  public:
@@ -104,45 +95,9 @@ TEST_F(KernelNetNsInfoTest, StartupListingPicksUpExistingNamespacesAndParksBareF
   EXPECT_EQ(loop.clocks(), 0u);
 }
 
-TEST_F(KernelNetNsInfoTest, FollowsIpNetnsAddAndDelAndTellsRootsNotifiees) {
-  start();
-  NamedNetns ns("kni", false);
-  ASSERT_EQ(sh("ip netns add " + ns.name()), 0);
-  EXPECT_TRUE(runUntil([&] { return inTree(ns.name()); })) << "not in the tree after " << joinTimeout << " s";
-  expectNode(ns.name());
-  EXPECT_FALSE(parked(ns.name()));
-  U32 const inode = inodeOf(ns.name());
-
-  ASSERT_EQ(sh("ip netns del " + ns.name()), 0);
-  EXPECT_TRUE(runUntil([&] { return !inTree(ns.name()); }, 1.0));
-  EXPECT_EQ(root->netNs(inode), nullptr);
-  std::vector<std::string> ours;
-  for (auto const& e : recorder.events) {
-    if (e.substr(1) == ns.name()) ours.push_back(e);
-  }
-  EXPECT_EQ(ours, (std::vector<std::string>{"+" + ns.name(), "-" + ns.name()}));
-}
-
-TEST_F(KernelNetNsInfoTest, BareFileIsParkedAndJoinsOnceANamespaceIsBindMountedOntoIt) {
-  start();
-  NamedNetns ns("kni", false);
-  ASSERT_EQ(sh("touch " + pathOf(ns.name())), 0);
-  ASSERT_TRUE(runUntil([&] { return parked(ns.name()); }, 1.0));
-  EXPECT_FALSE(inTree(ns.name()));
-  EXPECT_TRUE(manager->clockRunning());
-  loop.runUntil([] { return false; }, 1.3);  // a retry that still finds a bare file must re-arm
-
-  ASSERT_EQ(sh("unshare --net mount --bind /proc/self/ns/net " + pathOf(ns.name())), 0);
-  EXPECT_TRUE(runUntil([&] { return inTree(ns.name()); })) << "not in the tree after " << joinTimeout << " s";
-  expectNode(ns.name());
-  EXPECT_FALSE(parked(ns.name()));
-  EXPECT_TRUE(runUntil([&] { return !manager->clockRunning(); })) << "nothing is parked: the clock must stop";
-}
-
 TEST_F(KernelNetNsInfoTest, EntriesThatCanNeverBeNamespacesAreDroppedWithoutBlocking) {
-  NamedNetns fifo("kni", false), dangling("kni", false);
-  std::string const longName = "corvid-kni-" + std::to_string(getpid()) + "-" + std::string(180, 'x');
-  EntryGuard guard{{pathOf(fifo.name()), pathOf(dangling.name()), pathOf(longName)}};
+  // Their guards' `ip netns del` unlinks whatever is at the path.
+  NamedNetns fifo("kni", false), dangling("kni", false), tooLong("kni-" + std::string(180, 'x'), false);
   struct Case {
     std::string name;
     std::string make;
@@ -151,7 +106,7 @@ TEST_F(KernelNetNsInfoTest, EntriesThatCanNeverBeNamespacesAreDroppedWithoutBloc
       {fifo.name(), "mkfifo " + pathOf(fifo.name())},
       {dangling.name(), "ln -s /nonexistent/corvid " + pathOf(dangling.name())},
       // Longer than a NamespaceName may be.
-      {longName, "touch " + pathOf(longName)},
+      {tooLong.name(), "touch " + pathOf(tooLong.name())},
   };
   ASSERT_EQ(sh(cases[0].make), 0);  // one present at start-up, the rest seen through inotify
   // Should the manager open the FIFO after all, a writer frees it after 3 s:
@@ -181,11 +136,13 @@ TEST_F(KernelNetNsInfoTest, EntriesThatCanNeverBeNamespacesAreDroppedWithoutBloc
   EXPECT_FALSE(rescued) << "the manager blocked opening a FIFO";
 }
 
-TEST_F(KernelNetNsInfoTest, OneNamespaceUnderTwoNamesStaysUntilItsLastNameGoes) {
-  NamedNetns first("kni");
-  ASSERT_TRUE(first.ok());
-  NamedNetns second("kni", false);
+TEST_F(KernelNetNsInfoTest, FollowsIpNetnsAndKeepsANamespaceUntilItsLastNameGoes) {
   start();
+  NamedNetns first("kni", false), second("kni", false);
+  ASSERT_EQ(sh("ip netns add " + first.name()), 0);
+  EXPECT_TRUE(runUntil([&] { return inTree(first.name()); })) << "not in the tree after " << joinTimeout << " s";
+  expectNode(first.name());
+  EXPECT_FALSE(parked(first.name()));
   ASSERT_EQ(sh("touch " + pathOf(second.name()) + " && mount --bind " + pathOf(first.name()) + " " +
                pathOf(second.name())),
             0);
@@ -202,22 +159,38 @@ TEST_F(KernelNetNsInfoTest, OneNamespaceUnderTwoNamesStaysUntilItsLastNameGoes) 
   ASSERT_EQ(sh("ip netns del " + first.name()), 0);
   ASSERT_TRUE(runUntil([&] { return !inTree(first.name()); }, 1.0));
   EXPECT_EQ(root->netNs(inode), nullptr);
+  std::vector<std::string> ours;
+  for (auto const& e : recorder.events) {
+    if (e.substr(1) == first.name() || e.substr(1) == second.name()) ours.push_back(e);
+  }
+  EXPECT_EQ(ours, (std::vector<std::string>{"+" + first.name(), "+" + second.name(), "-" + second.name(),
+                                            "-" + first.name()}));
 }
 
-TEST_F(KernelNetNsInfoTest, DeletingAParkedNameDropsItFromCrudFileAndEachStepIsTraced) {
+// Bare files (what a creator leaves before its bind mount) are parked and
+// retried every second: one joins once a namespace is mounted onto it, the
+// other leaves the parked set when it is deleted.
+TEST_F(KernelNetNsInfoTest, BareFilesStayParkedUntilMountedOrDeletedAndEachStepIsTraced) {
   Glimmer::enable("Corvid", 5);
   Glimmer::Capture capture;
-  NamedNetns ns("kni", false);
+  NamedNetns mounted("kni", false), deleted("kni", false);
   start();
-  ASSERT_EQ(sh("touch " + pathOf(ns.name())), 0);
-  ASSERT_TRUE(runUntil([&] { return parked(ns.name()); }, 1.0));
+  ASSERT_EQ(sh("touch " + pathOf(mounted.name()) + " " + pathOf(deleted.name())), 0);
+  ASSERT_TRUE(runUntil([&] { return parked(mounted.name()) && parked(deleted.name()); }, 1.0));
+  EXPECT_FALSE(inTree(mounted.name()));
   ASSERT_TRUE(runUntil([&] { return capture.contains("Manager::handleTimer Stopping timer"); }));
-  ASSERT_EQ(unlink(pathOf(ns.name()).c_str()), 0);
-  EXPECT_TRUE(runUntil([&] { return !parked(ns.name()); }, 1.0));
-  EXPECT_TRUE(runUntil([&] { return !manager->clockRunning(); })) << "the pending retry must find nothing to try";
-  EXPECT_FALSE(inTree(ns.name()));
+  EXPECT_TRUE(manager->clockRunning()) << "a retry that still finds a bare file must re-arm";
+
+  ASSERT_EQ(unlink(pathOf(deleted.name()).c_str()), 0);
+  EXPECT_TRUE(runUntil([&] { return !parked(deleted.name()); }, 1.0));
+  ASSERT_EQ(sh("unshare --net mount --bind /proc/self/ns/net " + pathOf(mounted.name())), 0);
+  EXPECT_TRUE(runUntil([&] { return inTree(mounted.name()); })) << "not in the tree after " << joinTimeout << " s";
+  expectNode(mounted.name());
+  EXPECT_FALSE(parked(mounted.name()));
+  EXPECT_FALSE(inTree(deleted.name()));
+  EXPECT_TRUE(runUntil([&] { return !manager->clockRunning(); })) << "nothing is parked: the clock must stop";
   Glimmer::enable("Corvid", -1);
-  std::string const n = ns.name();
+  std::string const n = deleted.name();
   // Not "Starting timer for": a bare entry another test left parked at the
   // same moment may have started the timer already (it runs once for all).
   for (std::string text : {std::string("Adding existing net namespaces"), "inotify filename '" + n + "' changed: 256",
@@ -233,19 +206,10 @@ TEST_F(KernelNetNsInfoTest, DeletingAParkedNameDropsItFromCrudFileAndEachStepIsT
 TEST(KernelNetNsInfoDeathTest, ManagerOverANonEmptyRootIsFatal) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   Brio::ActivityManager loop;
-  struct Case {
-    char const* what;
-    void (*fill)(Root*);
-    char const* message;
-  } const cases[] = {
-      {"a node by inode", [](Root* r) { r->netNsIs(1); }, "root\\(\\)->netNss\\(\\) == 0"},
-      {"a node by name only", [](Root* r) { r->netNsByNameIs(NamespaceName("x"), Brio::makePtr<Node>(1)); },
-       "root\\(\\)->netNsByNames\\(\\) == 0"},
-  };
-  for (auto const& c : cases) {
-    SCOPED_TRACE(c.what);
-    auto r = rootFactory("root");
-    c.fill(r.ptr());
-    EXPECT_DEATH(managerFactory("kni", r), c.message);
-  }
+  auto byInode = rootFactory("root");
+  byInode->netNsIs(1);
+  EXPECT_DEATH(managerFactory("kni", byInode), "root\\(\\)->netNss\\(\\) == 0");
+  auto byNameOnly = rootFactory("root");
+  byNameOnly->netNsByNameIs(NamespaceName("x"), Brio::makePtr<Node>(1));
+  EXPECT_DEATH(managerFactory("kni", byNameOnly), "root\\(\\)->netNsByNames\\(\\) == 0");
 }

@@ -44,17 +44,6 @@ bool ipLists(std::string const& name) {
   return false;
 }
 
-// The line a plain list prints for `name`, or "".
-std::string listLine(std::string const& out, std::string const& name) {
-  std::istringstream in(out);
-  for (std::string line; std::getline(in, line);) {
-    if (line.rfind(name + " ", 0) == 0) return line;
-  }
-  return "";
-}
-
-ToolResult asNobody(std::vector<std::string> args) { return CorvidTest::runCorvidAsNobody(std::move(args)); }
-
 class NetnsCommand : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -73,12 +62,15 @@ TEST_F(NetnsCommand, AddListAndDelAgreeWithIpNetns) {
   EXPECT_TRUE(has(shOutput("ip -n " + byUs.name() + " -o link show lo"), "UP"));
   ASSERT_EQ(sh("touch /var/run/netns/" + bare.name()), 0);
 
+  // Plain lines and JSON objects by the name they start with.
   ToolResult const plain = runCorvid({"netns", "list"}), json = runCorvid({"netns", "list", "--json"});
   SCOPED_TRACE(shown(plain) + shown(json));
   ASSERT_EQ(plain.status + json.status, 0);
+  std::map<std::string, std::string> lines;
   std::map<std::string, nlohmann::json> objects;
-  std::istringstream lines(json.out);
-  for (std::string line; std::getline(lines, line);) {
+  std::istringstream plainIn(plain.out), jsonIn(json.out);
+  for (std::string line; std::getline(plainIn, line);) lines[line.substr(0, line.find(' '))] = line;
+  for (std::string line; std::getline(jsonIn, line);) {
     auto j = nlohmann::json::parse(line, nullptr, false);
     ASSERT_TRUE(j.is_object()) << "not one JSON object per line: " << line;
     objects[j.at("name").get<std::string>()] = j;
@@ -91,7 +83,7 @@ TEST_F(NetnsCommand, AddListAndDelAgreeWithIpNetns) {
     bool const usable = ns != &bare;
     EXPECT_EQ(objects[n].at("usable"), usable);
     EXPECT_EQ(objects[n].at("inode"), usable ? nlohmann::json(inodeOf(n)) : nlohmann::json(nullptr));
-    EXPECT_EQ(listLine(plain.out, n), n + (usable ? " inode " + std::to_string(inodeOf(n)) : " (not mounted)"));
+    EXPECT_EQ(lines[n], n + (usable ? " inode " + std::to_string(inodeOf(n)) : " (not mounted)"));
   }
   EXPECT_NE(inodeOf(byIp.name()), inodeOf(byUs.name()));
 
@@ -127,7 +119,7 @@ TEST_F(NetnsCommand, FailuresExitOneWithTheErrnoTextAndBadCommandLinesExitTwo) {
   };
   for (auto const& c : cases) {
     if (c.asNobody && !nobody) continue;
-    ToolResult const r = c.asNobody ? asNobody(c.args) : runCorvid(c.args);
+    ToolResult const r = c.asNobody ? CorvidTest::runCorvidAsNobody(c.args) : runCorvid(c.args);
     SCOPED_TRACE(shown(r));
     EXPECT_EQ(r.status, c.status);
     EXPECT_TRUE(has(r.err, c.err)) << c.err;
