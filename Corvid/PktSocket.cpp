@@ -35,9 +35,31 @@ ssize_t PktSocket::sendmsg(Brio::Ptr<Pkt> const& pkt, sockaddr_in const& to) {
   return ::sendmsg(descriptor(), &msg, 0);
 }
 
+// Most owners drop each packet before the next read. The last packet is
+// then referenced by this socket alone; when its buffer is not shared either
+// and nothing but shared data was changed on it (no private head bytes,
+// offsets or separate tag, the buffer not grown, the default size unchanged),
+// emptying its buffer makes it exactly what newPkt() would return, without
+// making and dropping a packet and its buffer per datagram (about half of
+// a datagram's user-space instructions, measured with callgrind on PamBench).
+Brio::Ptr<Pkt> PktSocket::unsharedLastPkt() {
+  Pkt* const p = lastPkt_.ptr();
+  if (!p || p->references() != 1 || p->firstIoVec() != 1 || p->sharedBuffer()->references() != 1 ||
+      p->maxSharedData() != pktManager_->defaultBufferSize() || p->beginOffset() != 0 || p->endOffset() != 0 ||
+      p->tciPresent() || p->tciField() != 0 || p->vlanTpid() != 0) {
+    return nullptr;
+  }
+  p->resetSharedData();
+  return lastPkt_;
+}
+
 Brio::Ptr<Pkt> PktSocket::recvPkt(sockaddr_in* from) {
-  Brio::Ptr<Pkt> pkt = pktManager_->newPkt();
-  if (!pkt) throw Brio::MemoryException("Unable to allocate Pkt");
+  Brio::Ptr<Pkt> pkt = unsharedLastPkt();
+  if (!pkt) {
+    pkt = pktManager_->newPkt();
+    if (!pkt) throw Brio::MemoryException("Unable to allocate Pkt");
+    lastPkt_ = pkt;
+  }
   U32 const size = pkt->maxSharedData();
   pkt->newSharedHeadData(size);
   FENNEL_ASSERT(fileDescriptor_->nonBlocking());

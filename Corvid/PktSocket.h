@@ -28,7 +28,9 @@ class PktSocket : public Brio::PtrInterface {
   void descriptorIs(int fd);
 
   // One datagram into a new packet whose data starts at the buffer's front;
-  // null when nothing waits (EAGAIN). `from` receives the sender.
+  // null when nothing waits (EAGAIN). `from` receives the sender. The packet
+  // of the previous read is read into again when nothing else holds it or
+  // its buffer and it is still as newPkt() makes it (see unsharedLastPkt).
   virtual Brio::Ptr<Pkt> recvPkt(sockaddr_in* from);
   // Sends one packet to `to`; returns the byte count, or the negative result
   // on EAGAIN (nothing reported).
@@ -42,6 +44,11 @@ class PktSocket : public Brio::PtrInterface {
 
   Brio::Ptr<Brio::FileDescriptor> fileDescriptor_;
   Brio::Ptr<Pkt::Manager> pktManager_;
+
+ private:
+  Brio::Ptr<Pkt> unsharedLastPkt();
+
+  Brio::Ptr<Pkt> lastPkt_;
 };
 
 // A msghdr naming `name` (may be null) whose scatter list is the packet's

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 
 #include "support/NetnsScope.h"
@@ -48,6 +49,51 @@ TEST_F(PktSocketTest, ReceivesFromAnIndependentSenderTruncatesToTheBufferAndIsQu
   pkt = s->recvPkt(nullptr);
   ASSERT_TRUE(pkt);
   EXPECT_EQ(pkt->bytes(), 1536u);
+}
+
+// The packet of the previous read is read into again only when the owner
+// dropped it and it is still as newPkt() makes it; otherwise whatever the
+// owner kept must not change under it.
+TEST_F(PktSocketTest, ReadsIntoThePreviousPacketOnlyWhenNothingElseCanSeeIt) {
+  struct Row {
+    char const* what;
+    // What the owner does with the first packet; returns what it keeps.
+    std::function<Brio::Ptr<Pkt>(Brio::Ptr<Pkt> const&)> use;
+    bool reused;
+  };
+  auto const& manager = Corvid::globalPktManager();
+  Row const rows[] = {
+      {"dropped", [](auto const&) { return Brio::Ptr<Pkt>(); }, true},
+      {"kept", [](auto const& p) { return p; }, false},
+      {"shallow copy kept", [&](auto const& p) { return manager->newShallowCopy(p); }, false},
+      {"private head bytes", [](auto const& p) { p->newPrivateHeadData(4); return Brio::Ptr<Pkt>(); }, false},
+      {"begin offset", [](auto const& p) { p->beginOffsetIs(2); return Brio::Ptr<Pkt>(); }, false},
+      {"separate tag", [](auto const& p) { p->newSeparateVlanTag(7, 0x8100); return Brio::Ptr<Pkt>(); }, false},
+      {"buffer grown", [](auto const& p) { p->newSharedTailData(2000); return Brio::Ptr<Pkt>(); }, false},
+  };
+  for (auto const& row : rows) {
+    SCOPED_TRACE(row.what);
+    Udp udp, peer;
+    U16 const port = udp.port;
+    auto s = pktSocket(udp);
+    peer.sendTo(port, "first");
+    peer.sendTo(port, "second datagram");
+    auto first = s->recvPkt(nullptr);
+    ASSERT_TRUE(first);
+    Pkt const* const firstAddress = first.ptr();
+    Brio::Ptr<Pkt> const kept = row.use(first);
+    Brio::String const keptText = kept ? kept->stringValue() : Brio::String();
+    first = nullptr;
+    auto second = s->recvPkt(nullptr);
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second.ptr() == firstAddress, row.reused);
+    EXPECT_EQ(second->stringValue(), Brio::String("second datagram"));
+    EXPECT_EQ(second->firstIoVec(), 1);
+    EXPECT_EQ(second->beginOffset(), 0);
+    EXPECT_FALSE(second->tciPresent());
+    EXPECT_EQ(second->maxSharedData(), manager->defaultBufferSize());
+    if (kept) EXPECT_EQ(kept->stringValue(), keptText);
+  }
 }
 
 TEST_F(PktSocketTest, ZeroLengthDatagramRaisesTheInternalException) {
