@@ -149,7 +149,7 @@ TEST(ProactiveArp, AgentFollowsAClientTableWrittenByAnotherProcess) {
     auto table = dir->clientConfigIs("bgp");
     if (!table->mount("proactive/bgp", Shoal::MountMode::writer)) return 1;
     Entry const a = entry("10.0.0.1", "Ethernet1"), b = entry("2001:db8::1", "Ethernet2");
-    for (std::string cmd; !(cmd = CorvidTest::readLine(in, 20)).empty();) {
+    for (std::string cmd, rest; !(cmd = CorvidTest::readLine(in, 20, rest)).empty();) {
       if (cmd == "add") table->requestIs(Request(a, 1)), table->requestIs(Request(b, 1));
       if (cmd == "bump") table->requestIs(Request(b, 2));
       if (cmd == "del") table->requestDel(a);
