@@ -18,8 +18,7 @@ ArpSource const kernel(ArpSource::ArpSourceId::kernel);
 
 template <class T>
 void roundTrips(T const& v, std::string const& text) {
-  EXPECT_EQ(Brio::strep(v), text);
-  EXPECT_EQ(Brio::strepToValue<T>(Brio::String(text)), v) << text;
+  EXPECT_EQ(CorvidTest::expectStrepRoundTrip(v), text);
 }
 
 }  // namespace
