@@ -1,6 +1,6 @@
 // IPv6 neighbour requests: what the kernel makes of each one, read back with
 // `ip -6 neigh`. A wrong flag shows there too: without NLM_F_CREATE the
-// first add fails, without NLM_F_REPLACE the second.
+// first add fails, without NLM_F_REPLACE a changed MAC is ignored.
 #include <Corvid/ArpWrapper.h>
 #include <Corvid/NetlinkUtils.h>
 #include <gtest/gtest.h>
@@ -42,14 +42,16 @@ TEST(ArpWrapper, KernelHoldsTheStateEachRequestAsksFor) {
   };
   struct Case {
     NeighState state;
+    char const* mac;
     char const* shown;
   } const cases[] = {
-      {NeighState::permanent, "02:00:00:00:00:05 PERMANENT"},
-      {NeighState::stale, "02:00:00:00:00:05 STALE"},
-      {NeighState::reachable, "02:00:00:00:00:05 REACHABLE"},
+      {NeighState::permanent, "02:00:00:00:00:05", "02:00:00:00:00:05 PERMANENT"},
+      {NeighState::stale, "02:00:00:00:00:05", "02:00:00:00:00:05 STALE"},
+      {NeighState::reachable, "02:00:00:00:00:06", "02:00:00:00:00:06 REACHABLE"},
   };
   for (auto const& c : cases) {
-    EXPECT_EQ(Corvid::getNetlinkResponse(h.fd, ip6NeighAdd(h.fd, ifindex, addr, mac, c.state)), 0);
+    EthAddr const m = Brio::strepToValue<EthAddr>(c.mac);
+    EXPECT_EQ(Corvid::getNetlinkResponse(h.fd, ip6NeighAdd(h.fd, ifindex, addr, m, c.state)), 0);
     EXPECT_EQ(shown(), c.shown);
   }
   EXPECT_EQ(Corvid::getNetlinkResponse(h.fd, ip6NeighDel(h.fd, ifindex, addr, NeighState::permanent)), 0);
