@@ -338,7 +338,9 @@ std::string keysOf(std::map<U32, String> const& m) {
 }
 
 TEST_F(ShoalTest, ScribbledMemoryReachesTheHookAndReadsAsAbsent) {
-  // Keys 1 and 2 are committed (key 1 in slot 0) before the scribble.
+  // Keys 1 and 2 are committed (key 1 in slot 0) before the scribble. The
+  // reader mounts before it (and follows the change log), after it (and
+  // scans), or after it while the writer is gone and a new one takes over.
   enum When { readerBefore, readerAfter, writerRestarts };
   struct Case {
     char const* name;
