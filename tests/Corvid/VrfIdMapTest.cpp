@@ -62,7 +62,9 @@ TEST(VrfId, TextFormIsTheDecimalNumber) {
 TEST(VrfEntry, NamesAreCutAtOneHundredBytesAndReadUpToOneHundredOne) {
   VrfEntry const e(VrfId(5), String(std::string(150, 'n')));
   EXPECT_EQ(e.vrfName(), String(std::string(100, 'n')));
-  EXPECT_TRUE(e && !VrfEntry(VrfId::null()) && !VrfEntry()) << "true unless its id is null";
+  EXPECT_TRUE(e);
+  EXPECT_FALSE(VrfEntry(VrfId::null()));
+  EXPECT_FALSE(VrfEntry());
 
   struct {
     U32 storedLength;
