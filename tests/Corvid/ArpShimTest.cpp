@@ -1,12 +1,11 @@
-// The shim over the shared neighbour and VRF tables: in one process over
-// unmounted tables, and over tables another process writes.
+// The shim over the shared neighbour and VRF tables, in one process over
+// unmounted tables. Across processes it runs in the neighbour agent example,
+// whose test checks it against the kernel.
 #include <Corvid/ArpShim.h>
 #include <Glimmer/Glimmer.h>
 #include <gtest/gtest.h>
 
 #include <sstream>
-
-#include "support/ShoalScope.h"
 
 using namespace Arp;
 using Vrf::VrfIdMap::VrfEntry;
@@ -104,49 +103,4 @@ TEST(ArpShimDeathTest, NeedsAFamilyAndItsOutputs) {
   Tables t;
   EXPECT_DEATH(t.shim("", false, false), "v4\\(\\) \\|\\| v6\\(\\)");
   EXPECT_DEATH(arpShimSmFactory(t.arp, t.vrfs, "", true, true, t.arpStatus, nullptr), "arpVrfStatusDir\\(\\)");
-}
-
-// A writer process owns both shared tables; this process mounts them as a
-// reader and runs the shim on its loop.
-TEST(ArpShim, FollowsTablesWrittenByAnotherProcess) {
-  CorvidTest::ShoalRoot root;
-  CorvidTest::Child writer([](int in, int out) {
-    Brio::ActivityManager loop;
-    auto vrfs = Vrf::VrfIdMap::Status::statusFactory("vrfs");
-    auto arp = Table::Status::statusFactory("arp", 64);
-    if (!vrfs->mount("vrf.table", Shoal::MountMode::writer) || !arp->mount("arp.table", Shoal::MountMode::writer)) {
-      return 1;
-    }
-    for (std::string cmd; !(cmd = CorvidTest::readLine(in, 20)).empty();) {
-      if (cmd == "blue") vrfs->vrfIdToNameIs(VrfEntry(VrfId(5), "blue"));
-      if (cmd == "red") vrfs->vrfIdToNameIs(VrfEntry(VrfId(7), "red"));
-      if (cmd == "unred") vrfs->vrfIdToNameDel(VrfId(7));
-      if (cmd == "add") {
-        arp->arpEntryIs(entry(5, "10.0.0.1", "et1"));
-        arp->arpEntryIs(entry(7, "10.0.0.2", "et2", 2));
-        arp->neighborEntryIs(entry(5, "2001:db8::1", "et1"));
-      }
-      if (cmd == "del") arp->arpEntryDel(entry(5, "10.0.0.1", "et1").key());
-      vrfs->commit();
-      arp->commit();
-      CorvidTest::writeLine(out, "ok " + cmd);
-    }
-    return 0;
-  });
-  Brio::ActivityManager loop;
-  Tables t;
-  ASSERT_TRUE(t.vrfs->mount("vrf.table", Shoal::MountMode::reader));
-  ASSERT_TRUE(t.arp->mount("arp.table", Shoal::MountMode::reader));
-  auto shim = t.shim("", true, false);
-  auto step = [&](char const* cmd, std::string const& expected) {
-    ASSERT_TRUE(writer.send(cmd));
-    ASSERT_EQ(writer.line(10), std::string("ok ") + cmd);
-    EXPECT_TRUE(loop.runUntil([&] { return tree(*t.dir) == expected; }, 10))
-        << "after " << cmd << ": " << tree(*t.dir);
-  };
-  step("blue", "blue:;");
-  step("add", "blue: et1 10.0.0.1 02:00:00:00:00:01;");
-  step("red", "blue: et1 10.0.0.1 02:00:00:00:00:01;red: et2 10.0.0.2 02:00:00:00:00:02;");
-  step("del", "blue:;red: et2 10.0.0.2 02:00:00:00:00:02;");
-  step("unred", "blue:;");
 }

@@ -16,7 +16,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -41,6 +40,35 @@ class ShoalRoot {
  private:
   std::string path_;
 };
+
+// The next line from fd (without its newline) within `seconds`, keeping
+// what came after it in `rest` for the next call; "" with *ended set on
+// timeout or end of file.
+inline std::string readLine(int fd, double seconds, std::string& rest, bool* ended = nullptr) {
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  for (;;) {
+    if (auto nl = rest.find('\n'); nl != std::string::npos) {
+      std::string l = rest.substr(0, nl);
+      rest.erase(0, nl + 1);
+      return l;
+    }
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    pollfd p{fd, POLLIN, 0};
+    if (left.count() > 0 && poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;  // EINTR or the deadline
+    char buf[4096];
+    ssize_t n = left.count() > 0 ? read(fd, buf, sizeof buf) : 0;
+    if (n <= 0) {
+      if (ended) *ended = true;
+      return "";
+    }
+    rest.append(buf, static_cast<std::size_t>(n));
+  }
+}
+
+inline void writeLine(int fd, std::string const& l) {
+  std::string const s = l + "\n";
+  [[maybe_unused]] ssize_t const n = write(fd, s.data(), s.size());  // a dead reader shows as its silence
+}
 
 // A forked child. body(in, out) runs in the child with the read end of the
 // command pipe and the write end of the answer pipe; its return value is the
@@ -74,36 +102,17 @@ class Child {
   Child(Child const&) = delete;
   Child& operator=(Child const&) = delete;
 
-  pid_t pid() const { return pid_; }
   bool send(std::string const& line) {
     std::string s = line + "\n";
     return in_ >= 0 && write(in_, s.data(), s.size()) == static_cast<ssize_t>(s.size());
   }
-  // The next answer line (without its newline), or "" on timeout or EOF
-  // (timedOut() tells which).
+  // The next answer line, or "" once the child is silent past the deadline
+  // or gone (then ended() is true until the next call).
   std::string line(double seconds) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    for (;;) {
-      auto nl = buffer_.find('\n');
-      if (nl != std::string::npos) {
-        std::string l = buffer_.substr(0, nl);
-        buffer_.erase(0, nl + 1);
-        return l;
-      }
-      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0) {
-        timedOut_ = true;
-        return "";
-      }
-      pollfd p{out_, POLLIN, 0};
-      if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-      char buf[4096];
-      ssize_t n = read(out_, buf, sizeof buf);
-      if (n <= 0) return "";
-      buffer_.append(buf, static_cast<std::size_t>(n));
-    }
+    ended_ = false;
+    return readLine(out_, seconds, buffer_, &ended_);
   }
-  bool timedOut() const { return timedOut_; }
+  bool ended() const { return ended_; }
   // Kills with `sig` and reaps; returns the wait status.
   int kill(int sig = SIGKILL) {
     if (pid_ <= 0) return -1;
@@ -132,30 +141,7 @@ class Child {
   int in_ = -1;
   int out_ = -1;
   std::string buffer_;
-  bool timedOut_ = false;
+  bool ended_ = false;
 };
-
-// Reads one command line from fd, waiting up to `seconds`; "" on EOF or
-// timeout.
-inline std::string readLine(int fd, double seconds) {
-  std::string l;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  for (;;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return "";
-    pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-    char c;
-    if (read(fd, &c, 1) != 1) return "";
-    if (c == '\n') return l;
-    l += c;
-  }
-}
-
-inline void writeLine(int fd, std::string const& l) {
-  std::string s = l + "\n";
-  if (write(fd, s.data(), s.size()) < 0) {
-  }
-}
 
 }  // namespace CorvidTest
