@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -30,6 +29,12 @@ std::string pdu(U32 length, char fill = 'x') {
   s[2] = static_cast<char>(length >> 8);
   s[3] = static_cast<char>(length);
   return s;
+}
+
+Brio::Ptr<Pkt> pktOf(std::string const& bytes) {
+  Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
+  pkt->stringValueIs(bytes);
+  return pkt;
 }
 
 // A connected loopback pair: `ours` for the endpoint, `peer` for the test.
@@ -55,6 +60,12 @@ struct Pair {
     if (peer >= 0) close(peer);
   }
   void send(std::string const& bytes) const { ASSERT_EQ(::send(peer, bytes.data(), bytes.size(), 0), ssize_t(bytes.size())); }
+  // A small send buffer only: a small receive window on loopback's large
+  // MSS would stall on zero-window probes instead.
+  void smallSendBuffer() const {
+    int small = 4096;
+    setsockopt(ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  }
   int ours = -1;
   int peer = -1;
 };
@@ -192,34 +203,11 @@ TEST_F(TcpPduPamTest, FramingInEveryReadMode) {
   }
 }
 
-TEST_F(TcpPduPamTest, ReadStepResultsOneByOne) {
-  Pair pair;
-  auto pam = endpoint(pair.ours, false);
-  pam->enabledIs(true);
-  pam->tcpPduFdSm()->fd()->enabledIs(false);  // the test drives the steps
-  pair.send(pdu(50).substr(0, 30));
-  turns();
-  EXPECT_EQ(pam->readFromSocket().result, TcpPduPamReadResult::readMoreData_);
-  EXPECT_EQ(pam->rxRemainingLength(), 30);
-  EXPECT_EQ(pam->readFromSocket().result, TcpPduPamReadResult::waitForMoreData_);
-  EXPECT_EQ(pam->rxRemainingLength(), 20);
-  pair.send(pdu(50).substr(30));
-  turns();
-  TcpPduPamReadReturn r = pam->readFromSocket();
-  EXPECT_EQ(r.result, TcpPduPamReadResult::fullPduRead_);
-  EXPECT_EQ(pam->rxPktHolderShadow()->stringValue().str(), pdu(50));
-  EXPECT_EQ(valueToStrep(r).str(), "Value('Corvid::TcpPduPamReadReturn', ** {'result': fullPduRead, 'reason': ''})");
-  EXPECT_EQ(Brio::strepToValue<TcpPduPamReadReturn>(valueToStrep(r)), r);
-}
-
 // A send buffer a reader drains slowly: writes go out in parts and must
 // arrive whole and in order.
 TEST_F(TcpPduPamTest, PartialWritesCompleteInOrder) {
   Pair pair;
-  // A small send buffer only: a small receive window on loopback's large
-  // MSS would stall on zero-window probes instead.
-  int small = 4096;
-  setsockopt(pair.ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  pair.smallSendBuffer();
   fcntl(pair.peer, F_SETFL, O_NONBLOCK);
   auto pam = endpoint(pair.ours, false);
   pam->enabledIs(true);
@@ -229,14 +217,10 @@ TEST_F(TcpPduPamTest, PartialWritesCompleteInOrder) {
   while (Brio::monotonicNow() < deadline && (sent < 40 || received.size() < expected.size() || !pam->writable())) {
     if (pam->writable() && sent < 40) {
       std::string bytes = pdu(3000 + 97 * sent, static_cast<char>('A' + sent % 26));
-      Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
-      if (sent % 2) {
-        // Header as private head bytes: two iovecs.
-        pkt->stringValueIs(bytes.substr(20));
+      Brio::Ptr<Pkt> pkt = pktOf(sent % 2 ? bytes.substr(20) : bytes);
+      if (sent % 2) {  // the header as private head bytes: two iovecs
         pkt->newPrivateHeadData(20);
         std::memcpy(pkt->privateBufferData(), bytes.data(), 20);
-      } else {
-        pkt->stringValueIs(bytes);
       }
       ASSERT_EQ(pkt->stringValue().str(), bytes);
       pam->txPktIs(pkt);
@@ -263,21 +247,15 @@ TEST_F(TcpPduPamTest, PartialWritesCompleteInOrder) {
 
 TEST_F(TcpPduPamTest, SendInvariantsDeathTest) {
   Pair pair;
-  int small = 4096;
-  setsockopt(pair.ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  pair.smallSendBuffer();
   auto pam = endpoint(pair.ours, false);
   pam->enabledIs(true);
-  Brio::Ptr<Pkt> tooLong = globalPktManager()->newPkt();
-  tooLong->stringValueIs(pdu(9601));
-  EXPECT_DEATH(pam->txPktIs(tooLong), "pkt->sharedBuffer\\(\\)->dataBytes\\(\\) <= maxPduLength\\(\\)");
-  Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
-  pkt->stringValueIs(pdu(9000));
+  EXPECT_DEATH(pam->txPktIs(pktOf(pdu(9601))), "pkt->sharedBuffer\\(\\)->dataBytes\\(\\) <= maxPduLength\\(\\)");
+  Brio::Ptr<Pkt> pkt = pktOf(pdu(9000));
   while (pam->writable()) pam->txPktIs(pkt);
   EXPECT_DEATH(pam->txPktIs(pkt), "!txPktHolderShadow\\(\\)");
   auto disabled = endpoint(dup(pair.ours), false);
-  Brio::Ptr<Pkt> small20 = globalPktManager()->newPkt();
-  small20->stringValueIs(pdu(20));
-  EXPECT_DEATH(disabled->txPktIs(small20), "writable\\(\\)");
+  EXPECT_DEATH(disabled->txPktIs(pktOf(pdu(20))), "writable\\(\\)");
   auto noSocket = endpoint(-1, false);
   noSocket->enabledIs(true);
   EXPECT_DEATH(noSocket->keepaliveOptsIs(TcpKeepaliveOptions(1, 1, 1)), "keepaliveOpts\\(\\).enabled\\(\\) == false");
@@ -311,15 +289,9 @@ TEST_F(TcpPduPamTest, OneDirectionModesWaitForTheHalfDonePdu) {
   pam->enableModeIs(Mode::tcpEnableModeReadWrite_);
   turns();
   EXPECT_EQ(owner.got.size(), 2u);
-  int small = 4096;
-  setsockopt(pair.ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
-  Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
-  pkt->stringValueIs(pdu(9000));
-  int sent = 0;
-  while (pam->writable()) {
-    pam->txPktIs(pkt);
-    ++sent;
-  }
+  pair.smallSendBuffer();
+  Brio::Ptr<Pkt> pkt = pktOf(pdu(9000));
+  while (pam->writable()) pam->txPktIs(pkt);
   // No loop turn from here until the drain: the send stays half done.
   // A write-only request meanwhile, with data arriving: no new PDU is
   // started, and nothing trips.
