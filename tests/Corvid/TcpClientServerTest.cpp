@@ -289,9 +289,13 @@ TEST_P(TcpOptionsTest, EveryOptionReadsBackOnEachKindOfSocket) {
   EXPECT_EQ(accepted.srcPort().value(), port);
   EXPECT_EQ(accepted.dstPort().value(), boundPort(es));
 
-  // Each socket's read-back of ttl, tos, minttl, pmtu and mss; -1: not checked.
-  std::pair<int, int> const options[] = {{ipLevel(), ttlName()}, {ipLevel(), tosName()}, {ipLevel(), minTtlName()},
-                                         {ipLevel(), pmtuName()}, {IPPROTO_TCP, TCP_MAXSEG}};
+  // Each socket's read-back of every option; -1: not checked on it.
+  struct Option {
+    char const* name;
+    int level, option;
+  } const options[] = {{"ttl", ipLevel(), ttlName()},   {"tos", ipLevel(), tosName()},
+                       {"minttl", ipLevel(), minTtlName()}, {"pmtu", ipLevel(), pmtuName()},
+                       {"mss", IPPROTO_TCP, TCP_MAXSEG}};
   struct Row {
     char const* what;
     int sd;
@@ -304,7 +308,7 @@ TEST_P(TcpOptionsTest, EveryOptionReadsBackOnEachKindOfSocket) {
   for (auto const& r : rows) {
     for (int i = 0; i < 5; ++i) {
       if (r.expected[i] < 0) continue;
-      EXPECT_EQ(intOption(r.sd, options[i].first, options[i].second), r.expected[i]) << r.what << " option " << i;
+      EXPECT_EQ(intOption(r.sd, options[i].level, options[i].option), r.expected[i]) << r.what << " " << options[i].name;
     }
   }
   EXPECT_EQ(dontRoute(es), 1);
@@ -591,15 +595,18 @@ class TcpTwoNamespacesTest : public TcpKernelTest {
   NamedNetns server_{"tcp"};
 };
 
-TEST_F(TcpTwoNamespacesTest, Md5KeysAdmitOnlyTheRightKey) {
+// Which sessions the server admits: MD5 keys (the server's key is "s3cret"),
+// or GTSM (the server asks for TTL 255: a peer one hop away sends that).
+TEST_F(TcpTwoNamespacesTest, AdmitsOnlyTheRightKeyOrTtl) {
   struct Case {
     char const* name;
     char const* serverAddr;
-    char const* serverKeyFor;  // peer entry on the server
+    char const* serverKeyFor;  // peer entry on the server; null: GTSM instead
     char const* clientKeyFor;  // peer entry on the client, null: no key
     char const* clientKey;
     bool connects;
     char const* clientIpAddr = nullptr;  // bound when set
+    U8 clientTtl = 255;
   } const cases[] = {
       {"host key", "10.77.0.2", "10.77.0.1/32", "10.77.0.2/32", "s3cret", true},
       {"prefix key", "10.77.0.2", "10.77.0.0/24", "10.77.0.2/32", "s3cret", true},
@@ -611,18 +618,24 @@ TEST_F(TcpTwoNamespacesTest, Md5KeysAdmitOnlyTheRightKey) {
       {"ipv6 host key", "fd00:77::2", "fd00:77::1/128", "fd00:77::2/128", "s3cret", true},
       {"ipv6 prefix key", "fd00:77::2", "fd00:77::/64", "fd00:77::2/128", "s3cret", true},
       {"ipv6 wrong key", "fd00:77::2", "fd00:77::/64", "fd00:77::2/128", "nope", false},
+      {"GTSM, one hop away", "10.77.0.2", nullptr, nullptr, "", true},
+      {"GTSM, one hop too far", "10.77.0.2", nullptr, nullptr, "", false, nullptr, 254},
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.name);
     auto sconf = tcpServerConfigFactory(v4(c.serverAddr), Port(1790));
-    sconf->optionsIs(Opt(Opt::md5AuthBit));
-    sconf->md5AuthIs(prefix(c.serverKeyFor), "s3cret");
-    auto cconf = tcpClientConfigFactory(v4(c.serverAddr), Port(1790));
-    if (c.clientIpAddr) cconf->clientIpAddrIs(v4(c.clientIpAddr));
-    if (c.clientKeyFor) {
-      cconf->optionsIs(Opt(Opt::md5AuthBit));
-      cconf->md5AuthIs(prefix(c.clientKeyFor), c.clientKey);
+    if (c.serverKeyFor) {
+      sconf->optionsIs(Opt(Opt::md5AuthBit));
+      sconf->md5AuthIs(prefix(c.serverKeyFor), "s3cret");
+    } else {
+      sconf->optionsIs(Opt(Opt::rxMinTtlBit));
+      sconf->rxMinTtlIs(IpTtl(255));
     }
+    auto cconf = tcpClientConfigFactory(v4(c.serverAddr), Port(1790));
+    cconf->optionsIs(Opt(Opt::txTtlBit | (c.clientKeyFor ? Opt::md5AuthBit : 0)));
+    cconf->txTtlIs(IpTtl(c.clientTtl));
+    if (c.clientKeyFor) cconf->md5AuthIs(prefix(c.clientKeyFor), c.clientKey);
+    if (c.clientIpAddr) cconf->clientIpAddrIs(v4(c.clientIpAddr));
     Session s = session(sconf, cconf, c.connects ? 5 : 1.5);
     EXPECT_EQ(s.connected, c.connects) << s.client->tcpClientStatus()->reason().view();
     if (c.connects && c.clientIpAddr) {
@@ -631,18 +644,6 @@ TEST_F(TcpTwoNamespacesTest, Md5KeysAdmitOnlyTheRightKey) {
     if (!c.connects) {
       EXPECT_EQ(s.server->tcpServerStatus()->connSocketCount(), 0u);
     }
-  }
-}
-
-TEST_F(TcpTwoNamespacesTest, GtsmRefusesAPeerOneHopTooFar) {
-  for (U8 ttl : {254, 255}) {
-    auto sconf = tcpServerConfigFactory(v4("10.77.0.2"), Port(1790));
-    sconf->optionsIs(Opt(Opt::rxMinTtlBit));
-    sconf->rxMinTtlIs(IpTtl(255));
-    auto cconf = tcpClientConfigFactory(v4("10.77.0.2"), Port(1790));
-    cconf->optionsIs(Opt(Opt::txTtlBit));
-    cconf->txTtlIs(IpTtl(ttl));
-    EXPECT_EQ(session(sconf, cconf, ttl == 255 ? 5 : 1.5).connected, ttl == 255) << "ttl " << int(ttl);
   }
 }
 
