@@ -70,7 +70,7 @@ int connectTo(U16 port) {
   return c;
 }
 
-IpGenAddr v4(char const* text) { return IpGenAddr(Brio::String(text)); }
+IpGenAddr addr(char const* text) { return IpGenAddr(Brio::String(text)); }
 IpGenAddrWithMask prefix(char const* text) { return IpGenAddrWithMask(Brio::String(text)); }
 
 // --- value types ---------------------------------------------------------------------
@@ -101,7 +101,7 @@ TEST(TcpConnSocket, EmptyValueAndTextForms) {
   TcpConnSocket empty;
   EXPECT_FALSE(empty);
   EXPECT_EQ(empty, TcpConnSocket(nullptr));
-  TcpConnSocket s(tcpFileDescriptorFactory(-1, false), v4("10.0.0.1"), Port(4000), v4("10.0.0.2"), Port(179), 7);
+  TcpConnSocket s(tcpFileDescriptorFactory(-1, false), addr("10.0.0.1"), Port(4000), addr("10.0.0.2"), Port(179), 7);
   EXPECT_TRUE(s);
   EXPECT_EQ(s.toStrep().str(), "10.0.0.1 port 4000 -> 10.0.0.2 port 179 fd -1");
   Brio::String text = valueToStrep(s);
@@ -117,7 +117,7 @@ TEST(TcpConnSocket, EmptyValueAndTextForms) {
 // The defaults show in the dump (timeout, namespace), in the first
 // retryIntervalIs(1) that changes nothing, and in the listener's PMTU option.
 TEST(TcpConfig, DumpsAndChangeOnlyNotification) {
-  auto config = tcpServerConfigFactory(v4("10.1.2.3"), Port(179));
+  auto config = tcpServerConfigFactory(addr("10.1.2.3"), Port(179));
   struct Counter : TcpConfigBase::Notifiee {
     void handleRetryInterval() override { ++changes; }
     void handleMd5Auth(IpGenAddrWithMask const& a) override { keys.push_back(a.stringValue().str()); }
@@ -213,7 +213,7 @@ class TcpKernelTest : public ::testing::Test {
                                 Brio::Ptr<TcpServerStatus> const& status = tcpServerStatusFactory()) {
     return tcpServerSmFactory(regs_, wheel_, conf, status);
   }
-  Brio::Ptr<TcpServerSm> loopbackServer(U16 port) { return server(tcpServerConfigFactory(v4("127.0.0.1"), Port(port))); }
+  Brio::Ptr<TcpServerSm> loopbackServer(U16 port) { return server(tcpServerConfigFactory(addr("127.0.0.1"), Port(port))); }
   Brio::Ptr<TcpClientSm> client(Brio::Ptr<TcpClientConfig const> const& conf, Brio::Ptr<TcpClientStatus> const& status,
                                 U32 id = 1) {
     return tcpClientSmFactory(regs_, wheel_, id, conf, status);
@@ -238,7 +238,7 @@ class TcpKernelTest : public ::testing::Test {
 class TcpOptionsTest : public TcpKernelTest, public ::testing::WithParamInterface<AddressFamily> {
  protected:
   bool v6() const { return GetParam() == AddressFamily::ipv6; }
-  IpGenAddr loopback() const { return v6() ? IpGenAddr(Brio::String("::1")) : v4("127.0.0.1"); }
+  IpGenAddr loopback() const { return addr(v6() ? "::1" : "127.0.0.1"); }
   int ipLevel() const { return v6() ? IPPROTO_IPV6 : IPPROTO_IP; }
   int ttlName() const { return v6() ? IPV6_UNICAST_HOPS : IP_TTL; }
   int tosName() const { return v6() ? IPV6_TCLASS : IP_TOS; }
@@ -346,7 +346,7 @@ TEST_P(TcpOptionsTest, EveryOptionReadsBackOnEachKindOfSocket) {
 // have no such option.
 TEST_P(TcpOptionsTest, V6OnlyOnlyOnIpv6ListenersAndFollowsTheFlag) {
   for (bool v6Only : {false, true}) {
-    auto srv = server(tcpServerConfigFactory(v6() ? IpGenAddr(Brio::String("::")) : v4("0.0.0.0"), Port(freePort())));
+    auto srv = server(tcpServerConfigFactory(addr(v6() ? "::" : "0.0.0.0"), Port(freePort())));
     srv->v6OnlyIs(v6Only);
     ASSERT_TRUE(srv->startListener());
     int const ls = srv->fd()->fileDescriptor()->descriptor();
@@ -376,7 +376,7 @@ TEST_F(TcpKernelTest, RefusedConnectsBackOffRestartAndTimeOut) {
   for (auto const& c : cases) {
     SCOPED_TRACE("retryInterval " + std::to_string(c.retryInterval) + " backoff " + std::to_string(c.backoff) +
                  " timeout " + std::to_string(c.timeout));
-    auto config = tcpClientConfigFactory(v4("127.0.0.1"), Port(freePort()));
+    auto config = tcpClientConfigFactory(addr("127.0.0.1"), Port(freePort()));
     config->retryIntervalIs(c.retryInterval);
     config->exponentialBackoffRetriesIs(c.backoff);
     config->timeoutIs(c.timeout);
@@ -417,7 +417,7 @@ TEST_F(TcpKernelTest, ConnectingUsesTheKernelTimeoutAsRetryInterval) {
   ASSERT_TRUE(ns_.vethPair("d0", "d1"));
   ASSERT_EQ(sh("ip addr add 10.9.9.1/24 dev d0"), 0);
   auto status = tcpClientStatusFactory();
-  auto cli = client(tcpClientConfigFactory(v4("10.9.9.2"), Port(179)), status);
+  auto cli = client(tcpClientConfigFactory(addr("10.9.9.2"), Port(179)), status);
   ASSERT_TRUE(cli->startConnection());
   EXPECT_EQ(status->connectionStatus(), Status::connecting_);
   EXPECT_EQ(status->retryTimerInterval(), 20u);
@@ -434,7 +434,7 @@ TEST_F(TcpKernelTest, ConnectingUsesTheKernelTimeoutAsRetryInterval) {
 
 TEST_F(TcpKernelTest, ServerRestartsDeferredOnMd5ChangeAndFailedOptions) {
   U16 const port = freePort();
-  auto sconf = tcpServerConfigFactory(v4("127.0.0.1"), Port(port));
+  auto sconf = tcpServerConfigFactory(addr("127.0.0.1"), Port(port));
   auto sstatus = tcpServerStatusFactory();
   auto srv = server(sconf, sstatus);
   EXPECT_EQ(sstatus->reason().str(), "Not started");
@@ -470,7 +470,7 @@ TEST_F(TcpKernelTest, ServerErrorsGiveTheirReasons) {
   auto first = loopbackServer(port);
   ASSERT_TRUE(first->startListener());
   EXPECT_TRUE(first->startListener());  // already listening
-  auto conf = tcpServerConfigFactory(v4("127.0.0.1"), Port(port));
+  auto conf = tcpServerConfigFactory(addr("127.0.0.1"), Port(port));
   conf->retryIntervalIs(3);
   auto second = server(conf);
   EXPECT_FALSE(second->startListener());
@@ -488,24 +488,13 @@ TEST_F(TcpKernelTest, ServerErrorsGiveTheirReasons) {
   EXPECT_EQ(second->tcpServerStatus()->serverTimedOutTimes(), 1u);
 }
 
-// A namespace that does not exist: the attempt fails at the socket.
-TEST_F(TcpKernelTest, MissingNamespaceFailsAtTheSocket) {
-  auto conf = tcpClientConfigFactory(v4("127.0.0.1"), Port(freePort()));
-  conf->networkNamespaceIs(NamespaceName("corvid-no-such-namespace"));
-  auto status = tcpClientStatusFactory();
-  auto cli = client(conf, status);
-  EXPECT_FALSE(cli->startConnection());
-  EXPECT_EQ(status->reason().str(), "Socket (No such file or directory)");
-  EXPECT_EQ(status->connectionStatus(), Status::failed_);
-}
+// --- options on idle, live and adopted connections --------------------------------------------
 
-// --- options on live and adopted sockets ---------------------------------------------------
-
-TEST_F(TcpKernelTest, ClientKeepsItsLiveConnectionOverKeyAndIdleOptionChanges) {
+TEST_F(TcpKernelTest, ClientOptionsOnIdleLiveAndAdoptedConnections) {
   U16 const port = freePort();
   auto srv = loopbackServer(port);
   ASSERT_TRUE(srv->startListener());
-  auto cconf = tcpClientConfigFactory(v4("127.0.0.1"), Port(port));
+  auto cconf = tcpClientConfigFactory(addr("127.0.0.1"), Port(port));
   auto status = tcpClientStatusFactory();
   auto cli = client(cconf, status, 3);
   // While idle there is no socket to change: nothing fails, nothing retries.
@@ -514,6 +503,8 @@ TEST_F(TcpKernelTest, ClientKeepsItsLiveConnectionOverKeyAndIdleOptionChanges) {
   EXPECT_EQ(status->connectionStatus(), Status::idle_);
   EXPECT_EQ(status->connectionErrorCount(), 0u);
   EXPECT_EQ(cli->retryTimerExpireTime(), Brio::never);
+
+  // A live connection keeps its socket over a key change.
   Glimmer::enable("Corvid", 5);
   Glimmer::Capture trace;
   ASSERT_TRUE(cli->startConnection());
@@ -531,29 +522,29 @@ TEST_F(TcpKernelTest, ClientKeepsItsLiveConnectionOverKeyAndIdleOptionChanges) {
   cli->stopConnection();
   EXPECT_FALSE(status->connSocket());
   EXPECT_GE(fcntl(live.descriptor(), F_GETFD), 0);  // `live` still holds it
-}
 
-TEST_F(TcpKernelTest, AdoptedConnectionGetsOptionsAndInterfaceBinding) {
-  U16 const port = freePort();
-  auto listener = loopbackServer(port);
-  ASSERT_TRUE(listener->startListener());
-  int c = connectTo(port);
-  auto cconf = tcpClientConfigFactory(v4("127.0.0.1"), Port(port));
+  // A connection made elsewhere and adopted gets the options too.
+  cconf->md5AuthDel(prefix("127.0.0.1/32"));
   cconf->optionsIs(Opt(Opt::txDsBit | Opt::dontRouteBit));
   cconf->txDsIs(IpDscp(40));
   cconf->dstIntfIfIndexIs(2);  // any index: SO_DONTROUTE keeps only on/off
-  auto status = tcpClientStatusFactory();
-  auto cli = client(cconf, status, 4);
-  EXPECT_TRUE(cli->connectionConfirmed(tcpFileDescriptorFactory(c, false), v4("127.0.0.1"), Port(boundPort(c)),
+  int c = connectTo(port);
+  EXPECT_TRUE(cli->connectionConfirmed(tcpFileDescriptorFactory(c, false), addr("127.0.0.1"), Port(boundPort(c)),
                                        Port(port)));
   EXPECT_EQ(status->connectionStatus(), Status::connected_);
   EXPECT_EQ(cli->getClientSocket(), c);
   EXPECT_EQ(intOption(c, SOL_SOCKET, SO_DONTROUTE), 1);
   EXPECT_EQ(intOption(c, IPPROTO_IP, IP_TOS), 40);
-  // A socket the kernel refuses options on is not adopted.
-  EXPECT_FALSE(cli->connectionConfirmed(tcpFileDescriptorFactory(-1, false), v4("127.0.0.1"), Port(1), Port(port)));
+
+  // Failures, each with its reason: a socket the kernel refuses options on
+  // is not adopted; a namespace that does not exist fails at the socket.
+  EXPECT_FALSE(cli->connectionConfirmed(tcpFileDescriptorFactory(-1, false), addr("127.0.0.1"), Port(1), Port(port)));
   EXPECT_EQ(status->reason().str(), "Setsockopt (Bad file descriptor)");
   EXPECT_FALSE(status->connSocket());
+  EXPECT_EQ(status->connectionStatus(), Status::failed_);
+  cconf->networkNamespaceIs(NamespaceName("corvid-no-such-namespace"));
+  EXPECT_FALSE(cli->startConnection());
+  EXPECT_EQ(status->reason().str(), "Socket (No such file or directory)");
   EXPECT_EQ(status->connectionStatus(), Status::failed_);
 }
 
@@ -623,7 +614,7 @@ TEST_F(TcpTwoNamespacesTest, AdmitsOnlyTheRightKeyOrTtl) {
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.name);
-    auto sconf = tcpServerConfigFactory(v4(c.serverAddr), Port(1790));
+    auto sconf = tcpServerConfigFactory(addr(c.serverAddr), Port(1790));
     if (c.serverKeyFor) {
       sconf->optionsIs(Opt(Opt::md5AuthBit));
       sconf->md5AuthIs(prefix(c.serverKeyFor), "s3cret");
@@ -631,15 +622,15 @@ TEST_F(TcpTwoNamespacesTest, AdmitsOnlyTheRightKeyOrTtl) {
       sconf->optionsIs(Opt(Opt::rxMinTtlBit));
       sconf->rxMinTtlIs(IpTtl(255));
     }
-    auto cconf = tcpClientConfigFactory(v4(c.serverAddr), Port(1790));
+    auto cconf = tcpClientConfigFactory(addr(c.serverAddr), Port(1790));
     cconf->optionsIs(Opt(Opt::txTtlBit | (c.clientKeyFor ? Opt::md5AuthBit : 0)));
     cconf->txTtlIs(IpTtl(c.clientTtl));
     if (c.clientKeyFor) cconf->md5AuthIs(prefix(c.clientKeyFor), c.clientKey);
-    if (c.clientIpAddr) cconf->clientIpAddrIs(v4(c.clientIpAddr));
+    if (c.clientIpAddr) cconf->clientIpAddrIs(addr(c.clientIpAddr));
     Session s = session(sconf, cconf, c.connects ? 5 : 1.5);
     EXPECT_EQ(s.connected, c.connects) << s.client->tcpClientStatus()->reason().view();
     if (c.connects && c.clientIpAddr) {
-      EXPECT_EQ(s.client->tcpClientStatus()->connSocket().srcIpAddr(), v4(c.clientIpAddr));
+      EXPECT_EQ(s.client->tcpClientStatus()->connSocket().srcIpAddr(), addr(c.clientIpAddr));
     }
     if (!c.connects) {
       EXPECT_EQ(s.server->tcpServerStatus()->connSocketCount(), 0u);
