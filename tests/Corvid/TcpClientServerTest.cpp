@@ -550,45 +550,20 @@ TEST_F(TcpKernelTest, ClientOptionsOnIdleLiveAndAdoptedConnections) {
 
 // --- MD5 and GTSM between two namespaces -----------------------------------------------------
 
-// The client runs in the test's own namespace, the server in a named one;
-// a veth pair joins them (10.77.0.1 / fd00:77::1 here, .2 / ::2 there).
-class TcpTwoNamespacesTest : public TcpKernelTest {
- protected:
-  void SetUp() override {
-    TcpKernelTest::SetUp();
-    if (IsSkipped()) return;
-    ASSERT_TRUE(server_.ok());
-    ASSERT_EQ(sh("ip link add vc type veth peer name vs netns " + server_.name() +
-                 " && ip link set vc up && ip addr add 10.77.0.1/24 dev vc && ip addr add 10.77.0.3/24 dev vc && "
-                 "ip addr add fd00:77::1/64 dev vc nodad"),
-              0);
-    ASSERT_EQ(server_.ip("link set vs up"), 0);
-    ASSERT_EQ(server_.ip("addr add 10.77.0.2/24 dev vs"), 0);
-    ASSERT_EQ(server_.ip("addr add fd00:77::2/64 dev vs nodad"), 0);
-  }
-
-  struct Session {
-    Brio::Ptr<TcpServerSm> server;
-    Brio::Ptr<TcpClientSm> client;
-    bool connected = false;
-  };
-
-  // Listens with `sconf` in the server's namespace, connects with `cconf`.
-  Session session(Brio::Ptr<TcpServerConfig> const& sconf, Brio::Ptr<TcpClientConfig> const& cconf, F64 wait) {
-    sconf->networkNamespaceIs(NamespaceName(server_.c_str()));
-    Session s{server(sconf), client(cconf, tcpClientStatusFactory())};
-    EXPECT_TRUE(s.server->startListener()) << s.server->tcpServerStatus()->reason().view();
-    s.client->startConnection();
-    s.connected = connected(s.client->tcpClientStatus(), s.server, wait);
-    return s;
-  }
-
-  NamedNetns server_{"tcp"};
-};
-
 // Which sessions the server admits: MD5 keys (the server's key is "s3cret"),
 // or GTSM (the server asks for TTL 255: a peer one hop away sends that).
-TEST_F(TcpTwoNamespacesTest, AdmitsOnlyTheRightKeyOrTtl) {
+// The client runs in the test's own namespace, the server in a named one;
+// a veth pair joins them (10.77.0.1 / fd00:77::1 here, .2 / ::2 there).
+TEST_F(TcpKernelTest, AdmitsOnlyTheRightKeyOrTtl) {
+  NamedNetns peer("tcp");
+  ASSERT_TRUE(peer.ok());
+  ASSERT_EQ(sh("ip link add vc type veth peer name vs netns " + peer.name() +
+               " && ip link set vc up && ip addr add 10.77.0.1/24 dev vc && ip addr add 10.77.0.3/24 dev vc && "
+               "ip addr add fd00:77::1/64 dev vc nodad"),
+            0);
+  ASSERT_EQ(peer.ip("link set vs up"), 0);
+  ASSERT_EQ(peer.ip("addr add 10.77.0.2/24 dev vs"), 0);
+  ASSERT_EQ(peer.ip("addr add fd00:77::2/64 dev vs nodad"), 0);
   struct Case {
     char const* name;
     char const* serverAddr;
@@ -615,6 +590,7 @@ TEST_F(TcpTwoNamespacesTest, AdmitsOnlyTheRightKeyOrTtl) {
   for (auto const& c : cases) {
     SCOPED_TRACE(c.name);
     auto sconf = tcpServerConfigFactory(addr(c.serverAddr), Port(1790));
+    sconf->networkNamespaceIs(NamespaceName(peer.c_str()));
     if (c.serverKeyFor) {
       sconf->optionsIs(Opt(Opt::md5AuthBit));
       sconf->md5AuthIs(prefix(c.serverKeyFor), "s3cret");
@@ -627,13 +603,17 @@ TEST_F(TcpTwoNamespacesTest, AdmitsOnlyTheRightKeyOrTtl) {
     cconf->txTtlIs(IpTtl(c.clientTtl));
     if (c.clientKeyFor) cconf->md5AuthIs(prefix(c.clientKeyFor), c.clientKey);
     if (c.clientIpAddr) cconf->clientIpAddrIs(addr(c.clientIpAddr));
-    Session s = session(sconf, cconf, c.connects ? 5 : 1.5);
-    EXPECT_EQ(s.connected, c.connects) << s.client->tcpClientStatus()->reason().view();
+    auto srv = server(sconf);
+    ASSERT_TRUE(srv->startListener()) << srv->tcpServerStatus()->reason().view();
+    auto cstatus = tcpClientStatusFactory();
+    auto cli = client(cconf, cstatus);
+    cli->startConnection();
+    EXPECT_EQ(connected(cstatus, srv, c.connects ? 5 : 1.5), c.connects) << cstatus->reason().view();
     if (c.connects && c.clientIpAddr) {
-      EXPECT_EQ(s.client->tcpClientStatus()->connSocket().srcIpAddr(), addr(c.clientIpAddr));
+      EXPECT_EQ(cstatus->connSocket().srcIpAddr(), addr(c.clientIpAddr));
     }
     if (!c.connects) {
-      EXPECT_EQ(s.server->tcpServerStatus()->connSocketCount(), 0u);
+      EXPECT_EQ(srv->tcpServerStatus()->connSocketCount(), 0u);
     }
   }
 }
