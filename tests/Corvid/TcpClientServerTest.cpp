@@ -213,7 +213,9 @@ class TcpKernelTest : public ::testing::Test {
                                 Brio::Ptr<TcpServerStatus> const& status = tcpServerStatusFactory()) {
     return tcpServerSmFactory(regs_, wheel_, conf, status);
   }
-  Brio::Ptr<TcpServerSm> loopbackServer(U16 port) { return server(tcpServerConfigFactory(addr("127.0.0.1"), Port(port))); }
+  Brio::Ptr<TcpServerSm> loopbackServer(U16 port) {
+    return server(tcpServerConfigFactory(addr("127.0.0.1"), Port(port)));
+  }
   Brio::Ptr<TcpClientSm> client(Brio::Ptr<TcpClientConfig const> const& conf, Brio::Ptr<TcpClientStatus> const& status,
                                 U32 id = 1) {
     return tcpClientSmFactory(regs_, wheel_, id, conf, status);
@@ -308,7 +310,8 @@ TEST_P(TcpOptionsTest, EveryOptionReadsBackOnEachKindOfSocket) {
   for (auto const& r : rows) {
     for (int i = 0; i < 5; ++i) {
       if (r.expected[i] < 0) continue;
-      EXPECT_EQ(intOption(r.sd, options[i].level, options[i].option), r.expected[i]) << r.what << " " << options[i].name;
+      int const got = intOption(r.sd, options[i].level, options[i].option);
+      EXPECT_EQ(got, r.expected[i]) << r.what << " " << options[i].name;
     }
   }
   EXPECT_EQ(dontRoute(es), 1);
