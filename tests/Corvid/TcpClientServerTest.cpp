@@ -97,23 +97,6 @@ TEST(TcpSocketOptions, StrepShortFormAndRoundTrip) {
             "'optionPathMtuDiscovery': False, 'optionDontRoute': True})");
 }
 
-TEST(TcpConnSocket, EmptyValueAndTextForms) {
-  TcpConnSocket empty;
-  EXPECT_FALSE(empty);
-  EXPECT_EQ(empty, TcpConnSocket(nullptr));
-  TcpConnSocket s(tcpFileDescriptorFactory(-1, false), addr("10.0.0.1"), Port(4000), addr("10.0.0.2"), Port(179), 7);
-  EXPECT_TRUE(s);
-  EXPECT_EQ(s.toStrep().str(), "10.0.0.1 port 4000 -> 10.0.0.2 port 179 fd -1");
-  Brio::String text = valueToStrep(s);
-  EXPECT_EQ(text.str(),
-            "Value('Corvid::TcpConnSocket', ** {'fileDescriptor': -1, 'srcIpAddr': 10.0.0.1, 'srcPort': 4000, "
-            "'dstIpAddr': 10.0.0.2, 'dstPort': 179, 'ifIndex': 7})");
-  TcpConnSocket back = Brio::strepToValue<TcpConnSocket>(text);
-  EXPECT_FALSE(back);  // no descriptor is taken over from text, the fields are
-  EXPECT_EQ(valueToStrep(back).str(), text.str());
-  EXPECT_NE(back, s);
-}
-
 // The defaults show in the dump (timeout, namespace), in the first
 // retryIntervalIs(1) that changes nothing, and in the listener's PMTU option.
 TEST(TcpConfig, DumpsAndChangeOnlyNotification) {
@@ -147,17 +130,32 @@ TEST(TcpConfig, DumpsAndChangeOnlyNotification) {
   EXPECT_EQ(config->md5Auth(prefix("10.0.0.0/24")).str(), "");
 }
 
-TEST(TcpServerStatus, QueueIsFifoAndCountNeverDrops) {
+// Accepted connections wait in the server's status, first in first out;
+// the count keeps every one taken.
+TEST(TcpServerStatus, QueuesConnSocketsInOrderWithTheirTexts) {
+  TcpConnSocket const empty, b(tcpFileDescriptorFactory(-1, false));
+  TcpConnSocket const a(tcpFileDescriptorFactory(-1, false), addr("10.0.0.1"), Port(4000), addr("10.0.0.2"), Port(179),
+                        7);
+  EXPECT_FALSE(empty);
+  EXPECT_EQ(a.toStrep().str(), "10.0.0.1 port 4000 -> 10.0.0.2 port 179 fd -1");
+  Brio::String const text = valueToStrep(a);
+  EXPECT_EQ(text.str(),
+            "Value('Corvid::TcpConnSocket', ** {'fileDescriptor': -1, 'srcIpAddr': 10.0.0.1, 'srcPort': 4000, "
+            "'dstIpAddr': 10.0.0.2, 'dstPort': 179, 'ifIndex': 7})");
+  TcpConnSocket const back = Brio::strepToValue<TcpConnSocket>(text);
+  EXPECT_FALSE(back);  // no descriptor is taken over from text, the fields are
+  EXPECT_EQ(valueToStrep(back).str(), text.str());
+  EXPECT_NE(back, a);
+
   auto status = tcpServerStatusFactory();
-  auto a = tcpFileDescriptorFactory(-1, false), b = tcpFileDescriptorFactory(-1, false);
-  for (auto const& fd : {a, b}) {
-    status->connSocketEnq(TcpConnSocket(fd));
+  for (auto const& s : {a, b}) {
+    status->connSocketEnq(s);
     status->connSocketCountInc();
   }
-  EXPECT_EQ(status->connSocketBack().fileDescriptor(), b);
-  EXPECT_EQ(status->getConnSocket().fileDescriptor(), a);
-  EXPECT_EQ(status->getConnSocket().fileDescriptor(), b);
-  EXPECT_FALSE(status->getConnSocket());
+  EXPECT_EQ(status->connSocketBack(), b);
+  EXPECT_EQ(status->getConnSocket(), a);
+  EXPECT_EQ(status->getConnSocket(), b);
+  EXPECT_EQ(status->getConnSocket(), empty);
   EXPECT_EQ(status->connSocketCount(), 2u);
   std::ostringstream os;
   status->dumpState(os);

