@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "support/NetnsScope.h"
+#include "support/ValueCases.h"
 
 using namespace Corvid;
 using CorvidTest::NetnsScope;
@@ -201,6 +202,29 @@ TEST_F(TcpPduPamTest, FramingInEveryReadMode) {
       EXPECT_FALSE(pam->readable());
     }
   }
+}
+
+// The step results a derived endpoint driving its own reads sees: read on
+// while the socket may hold more, wait once a short read drained it (the
+// framing table does not notice an extra read that finds nothing).
+TEST_F(TcpPduPamTest, ReadStepResultsOneByOne) {
+  Pair pair;
+  auto pam = endpoint(pair.ours, false);
+  pam->enabledIs(true);
+  pam->tcpPduFdSm()->fd()->enabledIs(false);  // the test drives the steps
+  pair.send(pdu(50).substr(0, 30));
+  turns();
+  EXPECT_EQ(pam->readFromSocket().result, TcpPduPamReadResult::readMoreData_);
+  EXPECT_EQ(pam->rxRemainingLength(), 30);
+  EXPECT_EQ(pam->readFromSocket().result, TcpPduPamReadResult::waitForMoreData_);
+  EXPECT_EQ(pam->rxRemainingLength(), 20);
+  pair.send(pdu(50).substr(30));
+  turns();
+  TcpPduPamReadReturn r = pam->readFromSocket();
+  EXPECT_EQ(r.result, TcpPduPamReadResult::fullPduRead_);
+  EXPECT_EQ(pam->rxPktHolderShadow()->stringValue().str(), pdu(50));
+  EXPECT_EQ(CorvidTest::expectStrepRoundTrip(r),
+            "Value('Corvid::TcpPduPamReadReturn', ** {'result': fullPduRead, 'reason': ''})");
 }
 
 // A send buffer a reader drains slowly: writes go out in parts and must
