@@ -174,7 +174,8 @@ TEST(TcpFreeFunctionsDeathTest, InvariantTexts) {
   close(sd);
 }
 
-// Every value reads back from its text; words only differing in case do not.
+// Every value reads back from its text; a word cut short or differing in
+// case does not.
 TEST(TcpEnums, TextFormsRoundTripAndRefuseOtherWords) {
   using SdType = TcpSmBase::SdType;
   std::ostringstream os;
@@ -187,6 +188,7 @@ TEST(TcpEnums, TextFormsRoundTripAndRefuseOtherWords) {
     os << t << " ";
   }
   EXPECT_EQ(os.str(), "idle failed connecting connected timedout sdListening sdAccepted sdConnecting sdEstablished ");
+  EXPECT_THROW(Brio::strepToValue<Status>(Brio::String("connect")), Brio::RangeException);
   EXPECT_THROW(Brio::strepToValue<Status>(Brio::String("timedOut")), Brio::RangeException);
   EXPECT_THROW(Brio::strepToValue<SdType>(Brio::String("sdestablished")), Brio::RangeException);
 }
