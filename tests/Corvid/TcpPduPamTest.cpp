@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "support/NetnsScope.h"
+#include "support/ValueCases.h"
 
 using namespace Corvid;
 using CorvidTest::NetnsScope;
@@ -30,6 +30,12 @@ std::string pdu(U32 length, char fill = 'x') {
   s[2] = static_cast<char>(length >> 8);
   s[3] = static_cast<char>(length);
   return s;
+}
+
+Brio::Ptr<Pkt> pktOf(std::string const& bytes) {
+  Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
+  pkt->stringValueIs(bytes);
+  return pkt;
 }
 
 // A connected loopback pair: `ours` for the endpoint, `peer` for the test.
@@ -47,13 +53,20 @@ struct Pair {
     connect(peer, reinterpret_cast<sockaddr*>(&a), sizeof a);
     ours = accept(l, nullptr, nullptr);
     close(l);
-    int one = 1;
+    int one = 1, big = 1 << 20;  // room for a whole burst while the loop is not running
     setsockopt(peer, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    setsockopt(ours, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
   }
   ~Pair() {
     if (peer >= 0) close(peer);
   }
   void send(std::string const& bytes) const { ASSERT_EQ(::send(peer, bytes.data(), bytes.size(), 0), ssize_t(bytes.size())); }
+  // A small send buffer only: a small receive window on loopback's large
+  // MSS would stall on zero-window probes instead.
+  void smallSendBuffer() const {
+    int small = 4096;
+    setsockopt(ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  }
   int ours = -1;
   int peer = -1;
 };
@@ -73,16 +86,48 @@ class Owner : public TcpPduPam::Notifiee {
   TcpPduPam* pam_;
 };
 
+// An endpoint that scrambles its stream replaces only the socket hooks;
+// every framing case in both read modes goes through them too.
+class XorPduPam : public SimpleTcpPduPam {
+ public:
+  XorPduPam(Brio::Ptr<TcpFileDescriptor const> const& fd)
+      : SimpleTcpPduPam(fd, tcpFileDescriptorEventRegistrationFactoryBrioc()) {}
+  static std::string scrambled(std::string s) {
+    for (char& ch : s) ch ^= 0x5a;
+    return s;
+  }
+
+ protected:
+  int readPkt(Brio::Ptr<Pkt> const& pkt, U16 length) override {
+    int n = SimpleTcpPduPam::readPkt(pkt, length);
+    U8* p = pkt->sharedBuffer()->data() + pkt->sharedBuffer()->dataBytes() - length;
+    for (int i = 0; i < n; ++i) p[i] ^= 0x5a;
+    return n;
+  }
+};
+
+// Every endpoint is torn down by the end of its test: no descriptor stays
+// open or registered with the loop.
 class TcpPduPamTest : public ::testing::Test {
  protected:
-  void SetUp() override { CORVID_REQUIRE_NETNS(ns_); }
-  Brio::Ptr<SimpleTcpPduPam> endpoint(int fd, bool edge) {
+  void SetUp() override {
+    CORVID_REQUIRE_NETNS(ns_);
+    descriptors_ = CorvidTest::openDescriptors();
+  }
+  void TearDown() override {
+    if (IsSkipped()) return;
+    EXPECT_EQ(CorvidTest::openDescriptors(), descriptors_) << "descriptors leaked";
+    EXPECT_EQ(am_.descriptors(), 0u);
+  }
+  Brio::Ptr<SimpleTcpPduPam> endpoint(int fd, bool edge, bool xored = false) {
+    if (xored) return Brio::Ptr<SimpleTcpPduPam>(new XorPduPam(tcpFileDescriptorFactory(fd, edge)));
     return simpleTcpPduPamFactory(tcpFileDescriptorFactory(fd, edge), tcpFileDescriptorEventRegistrationFactoryBrioc());
   }
   void turns(int n = 5) {
     for (int i = 0; i < n; ++i) am_.runOnce(0.002);
   }
   NetnsScope ns_;
+  int descriptors_ = 0;
   Brio::ActivityManager am_;
 };
 
@@ -107,6 +152,14 @@ std::vector<FramingCase> framingCases() {
   tooBig[3] = char(9601 & 0xff);
   std::string tooSmall = pdu(20);
   tooSmall[3] = 5;
+  // More than one read-ahead buffer at once, PDUs straddling its end: an
+  // edge-triggered descriptor sends no event for bytes already waiting.
+  std::string burst;
+  std::vector<std::string> burstPdus;
+  for (int i = 0; i < 150; ++i) {
+    burstPdus.push_back(pdu(1000 + i, static_cast<char>('a' + i % 26)));
+    burst += burstPdus.back();
+  }
   return {
       {"the 20-byte PDU", {pdu(20)}, false, {pdu(20)}, ""},
       {"byte at a time", bytesOf(pdu(30, 'a'), 1), false, {pdu(30, 'a')}, ""},
@@ -117,63 +170,43 @@ std::vector<FramingCase> framingCases() {
       {"length below the header", {tooSmall + pdu(40)}, false, {}, "PDU length too small"},
       {"peer closes mid-PDU", {pdu(25), pdu(100).substr(0, 50)}, true, {pdu(25)}, "Connection closed by peer"},
       {"peer closes mid-header", {pdu(25).substr(0, 7)}, true, {}, "Connection closed by peer"},
+      {"150 PDUs at once", {burst}, false, burstPdus, ""},
   };
 }
 
 TEST_F(TcpPduPamTest, FramingInEveryReadMode) {
-  for (bool edge : {false, true}) {
-    for (bool ahead : {false, true}) {
-      for (auto const& c : framingCases()) {
-        Pair pair;
-        auto pam = endpoint(pair.ours, edge);
-        pam->readAheadIs(ahead);
-        Owner owner(pam);
-        pam->enabledIs(true);
-        for (auto const& chunk : c.chunks) {
-          pair.send(chunk);
-          turns(2);
-        }
-        if (c.closeAfter) {
-          close(pair.peer);
-          pair.peer = -1;
-        }
-        am_.runUntil([&] { return owner.got.size() >= c.pdus.size() && (!*c.error || !owner.error.empty()); }, 2);
-        turns();
-        std::string const where = std::string(c.name) + (edge ? " edge" : " level") + (ahead ? " read-ahead" : "");
-        EXPECT_EQ(owner.got, c.pdus) << where;
-        EXPECT_EQ(owner.error, c.error) << where;
-        EXPECT_EQ(pam->rxErrors(), *c.error ? 1u : 0u) << where;
-        EXPECT_FALSE(pam->readable()) << where;
+  for (int mode = 0; mode < 8; ++mode) {  // every mix of the three switches
+    bool const edge = mode & 1, ahead = mode & 2, xored = mode & 4;
+    for (auto const& c : framingCases()) {
+      SCOPED_TRACE(std::string(c.name) + (edge ? " edge" : " level") + (ahead ? " read-ahead" : "") +
+                   (xored ? " scrambled" : ""));
+      Pair pair;
+      auto pam = endpoint(pair.ours, edge, xored);
+      pam->readAheadIs(ahead);
+      Owner owner(pam);
+      pam->enabledIs(true);
+      for (auto const& chunk : c.chunks) {
+        pair.send(xored ? XorPduPam::scrambled(chunk) : chunk);
+        turns(2);
       }
+      if (c.closeAfter) {
+        close(pair.peer);
+        pair.peer = -1;
+      }
+      am_.runUntil([&] { return owner.got.size() >= c.pdus.size() && (!*c.error || !owner.error.empty()); }, 2);
+      turns();
+      EXPECT_EQ(owner.got.size(), c.pdus.size());
+      EXPECT_TRUE(owner.got == c.pdus);
+      EXPECT_EQ(owner.error, c.error);
+      EXPECT_EQ(pam->rxErrors(), *c.error ? 1u : 0u);
+      EXPECT_FALSE(pam->readable());
     }
   }
 }
 
-// More than one read-ahead buffer in one go, PDUs straddling its end, on an
-// edge-triggered descriptor: no event comes for bytes already waiting.
-TEST_F(TcpPduPamTest, ReadAheadCarriesPdusAcrossBufferFills) {
-  for (bool edge : {true, false}) {
-    Pair pair;
-    int big = 1 << 20;
-    setsockopt(pair.ours, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
-    auto pam = endpoint(pair.ours, edge);
-    pam->readAheadIs(true);
-    Owner owner(pam);
-    std::string burst;
-    std::vector<std::string> want;
-    for (int i = 0; i < 150; ++i) {
-      want.push_back(pdu(1000 + i, static_cast<char>('a' + i % 26)));
-      burst += want.back();
-    }
-    pair.send(burst);
-    usleep(20000);
-    pam->enabledIs(true);
-    am_.runUntil([&] { return owner.got.size() == want.size(); }, 3);
-    EXPECT_EQ(owner.got.size(), want.size()) << (edge ? "edge" : "level");
-    EXPECT_TRUE(owner.got == want) << (edge ? "edge" : "level");
-  }
-}
-
+// The step results a derived endpoint driving its own reads sees: read on
+// while the socket may hold more, wait once a short read drained it (the
+// framing table does not notice an extra read that finds nothing).
 TEST_F(TcpPduPamTest, ReadStepResultsOneByOne) {
   Pair pair;
   auto pam = endpoint(pair.ours, false);
@@ -190,18 +223,15 @@ TEST_F(TcpPduPamTest, ReadStepResultsOneByOne) {
   TcpPduPamReadReturn r = pam->readFromSocket();
   EXPECT_EQ(r.result, TcpPduPamReadResult::fullPduRead_);
   EXPECT_EQ(pam->rxPktHolderShadow()->stringValue().str(), pdu(50));
-  EXPECT_EQ(valueToStrep(r).str(), "Value('Corvid::TcpPduPamReadReturn', ** {'result': fullPduRead, 'reason': ''})");
-  EXPECT_EQ(Brio::strepToValue<TcpPduPamReadReturn>(valueToStrep(r)), r);
+  EXPECT_EQ(CorvidTest::expectStrepRoundTrip(r),
+            "Value('Corvid::TcpPduPamReadReturn', ** {'result': fullPduRead, 'reason': ''})");
 }
 
 // A send buffer a reader drains slowly: writes go out in parts and must
 // arrive whole and in order.
 TEST_F(TcpPduPamTest, PartialWritesCompleteInOrder) {
   Pair pair;
-  // A small send buffer only: a small receive window on loopback's large
-  // MSS would stall on zero-window probes instead.
-  int small = 4096;
-  setsockopt(pair.ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  pair.smallSendBuffer();
   fcntl(pair.peer, F_SETFL, O_NONBLOCK);
   auto pam = endpoint(pair.ours, false);
   pam->enabledIs(true);
@@ -211,25 +241,17 @@ TEST_F(TcpPduPamTest, PartialWritesCompleteInOrder) {
   while (Brio::monotonicNow() < deadline && (sent < 40 || received.size() < expected.size() || !pam->writable())) {
     if (pam->writable() && sent < 40) {
       std::string bytes = pdu(3000 + 97 * sent, static_cast<char>('A' + sent % 26));
-      Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
-      if (sent % 2) {
-        // Header as private head bytes: two iovecs.
-        pkt->stringValueIs(bytes.substr(20));
+      Brio::Ptr<Pkt> pkt = pktOf(sent % 2 ? bytes.substr(20) : bytes);
+      if (sent % 2) {  // the header as private head bytes: two iovecs
         pkt->newPrivateHeadData(20);
         std::memcpy(pkt->privateBufferData(), bytes.data(), 20);
-      } else {
-        pkt->stringValueIs(bytes);
       }
       ASSERT_EQ(pkt->stringValue().str(), bytes);
       pam->txPktIs(pkt);
       pkt->rawByteIs(25, '!');  // the caller may reuse its packet at once
       expected += bytes;
       ++sent;
-      if (!pam->writable()) {
-        ++partials;
-        EXPECT_EQ(pam->txIovLenHolderShadow(), 1);
-        EXPECT_EQ(pam->txPktHolderShadow()->ioVecCount(), 1u);
-      }
+      partials += !pam->writable();
     }
     char buf[700];  // the slow reader
     ssize_t n = recv(pair.peer, buf, sizeof buf, 0);
@@ -245,21 +267,15 @@ TEST_F(TcpPduPamTest, PartialWritesCompleteInOrder) {
 
 TEST_F(TcpPduPamTest, SendInvariantsDeathTest) {
   Pair pair;
-  int small = 4096;
-  setsockopt(pair.ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  pair.smallSendBuffer();
   auto pam = endpoint(pair.ours, false);
   pam->enabledIs(true);
-  Brio::Ptr<Pkt> tooLong = globalPktManager()->newPkt();
-  tooLong->stringValueIs(pdu(9601));
-  EXPECT_DEATH(pam->txPktIs(tooLong), "pkt->sharedBuffer\\(\\)->dataBytes\\(\\) <= maxPduLength\\(\\)");
-  Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
-  pkt->stringValueIs(pdu(9000));
+  EXPECT_DEATH(pam->txPktIs(pktOf(pdu(9601))), "pkt->sharedBuffer\\(\\)->dataBytes\\(\\) <= maxPduLength\\(\\)");
+  Brio::Ptr<Pkt> pkt = pktOf(pdu(9000));
   while (pam->writable()) pam->txPktIs(pkt);
   EXPECT_DEATH(pam->txPktIs(pkt), "!txPktHolderShadow\\(\\)");
   auto disabled = endpoint(dup(pair.ours), false);
-  Brio::Ptr<Pkt> small20 = globalPktManager()->newPkt();
-  small20->stringValueIs(pdu(20));
-  EXPECT_DEATH(disabled->txPktIs(small20), "writable\\(\\)");
+  EXPECT_DEATH(disabled->txPktIs(pktOf(pdu(20))), "writable\\(\\)");
   auto noSocket = endpoint(-1, false);
   noSocket->enabledIs(true);
   EXPECT_DEATH(noSocket->keepaliveOptsIs(TcpKeepaliveOptions(1, 1, 1)), "keepaliveOpts\\(\\).enabled\\(\\) == false");
@@ -293,15 +309,9 @@ TEST_F(TcpPduPamTest, OneDirectionModesWaitForTheHalfDonePdu) {
   pam->enableModeIs(Mode::tcpEnableModeReadWrite_);
   turns();
   EXPECT_EQ(owner.got.size(), 2u);
-  int small = 4096;
-  setsockopt(pair.ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
-  Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
-  pkt->stringValueIs(pdu(9000));
-  int sent = 0;
-  while (pam->writable()) {
-    pam->txPktIs(pkt);
-    ++sent;
-  }
+  pair.smallSendBuffer();
+  Brio::Ptr<Pkt> pkt = pktOf(pdu(9000));
+  while (pam->writable()) pam->txPktIs(pkt);
   // No loop turn from here until the drain: the send stays half done.
   // A write-only request meanwhile, with data arriving: no new PDU is
   // started, and nothing trips.
@@ -365,37 +375,6 @@ TEST_F(TcpPduPamTest, KeepaliveSettingsReadBack) {
             "Value('Corvid::TcpKeepaliveOptions', ** {'idleTime': 30, 'probeInterval': 5, 'probeCount': 4})");
 }
 
-// An endpoint that scrambles its stream replaces only the socket hooks;
-// both read modes go through them.
-class XorPduPam : public SimpleTcpPduPam {
- public:
-  XorPduPam(Brio::Ptr<TcpFileDescriptor const> const& fd)
-      : SimpleTcpPduPam(fd, tcpFileDescriptorEventRegistrationFactoryBrioc()) {}
-
- protected:
-  int readPkt(Brio::Ptr<Pkt> const& pkt, U16 length) override {
-    int n = SimpleTcpPduPam::readPkt(pkt, length);
-    U8* p = pkt->sharedBuffer()->data() + pkt->sharedBuffer()->dataBytes() - length;
-    for (int i = 0; i < n; ++i) p[i] ^= 0x5a;
-    return n;
-  }
-};
-
-TEST_F(TcpPduPamTest, SocketHooksServeBothReadModes) {
-  for (bool ahead : {false, true}) {
-    Pair pair;
-    Brio::Ptr<XorPduPam> pam(new XorPduPam(tcpFileDescriptorFactory(pair.ours, false)));
-    pam->readAheadIs(ahead);
-    Owner owner(pam);
-    pam->enabledIs(true);
-    std::string wire = pdu(40, 'q') + pdu(20);
-    for (char& ch : wire) ch ^= 0x5a;
-    pair.send(wire);
-    am_.runUntil([&] { return owner.got.size() == 2; }, 2);
-    EXPECT_EQ(owner.got, (std::vector<std::string>{pdu(40, 'q'), pdu(20)})) << ahead;
-  }
-}
-
 TEST_F(TcpPduPamTest, ReadOnePktOnlyWaitsForTheOwner) {
   Pair pair;
   auto pam = endpoint(pair.ours, true);
@@ -408,24 +387,6 @@ TEST_F(TcpPduPamTest, ReadOnePktOnlyWaitsForTheOwner) {
   pam->rxResume();
   turns();
   EXPECT_EQ(owner.got.size(), 2u);
-}
-
-TEST_F(TcpPduPamTest, NoDescriptorLeaksAfterEndpointTeardown) {
-  int const before = CorvidTest::openDescriptors();
-  {
-    Pair pair;
-    auto pam = endpoint(pair.ours, false);
-    Owner owner(pam);
-    pam->enabledIs(true);
-    pair.send(pdu(30));
-    am_.runUntil([&] { return !owner.got.empty(); }, 2);
-    close(pair.peer);
-    pair.peer = -1;
-    am_.runUntil([&] { return !owner.error.empty(); }, 2);
-    pam->cleanup();
-  }
-  EXPECT_EQ(CorvidTest::openDescriptors(), before);
-  EXPECT_EQ(am_.descriptors(), 0u);
 }
 
 }  // namespace
