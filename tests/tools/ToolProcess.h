@@ -95,12 +95,6 @@ class ToolProcess {
     if (pid_ > 0) kill(pid_, sig);
   }
 
-  // True once the child has exited (it is not reaped here).
-  bool exited() const {
-    siginfo_t info{};
-    return pid_ > 0 && waitid(P_PID, pid_, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid_;
-  }
-
   // Reads both streams to their end and reaps the child; kills it first
   // when it is still running after `seconds`.
   ToolResult finish(double seconds = 10) {
