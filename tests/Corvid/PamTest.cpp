@@ -16,11 +16,9 @@ class QueuePam : public Pam {
  public:
   static Brio::Ptr<QueuePam> make() { return Brio::Ptr<QueuePam>(new QueuePam); }
   std::deque<Brio::Ptr<Pkt>> queue;
-  int readableHooks = 0;
 
  protected:
   QueuePam() : Pam("queue") {}
-  void handleReadableCount() override { ++readableHooks; }
   void doGetRxPkt() override {
     if (queue.empty()) return;
     rxPktHolderIs(queue.front());
@@ -31,9 +29,7 @@ class QueuePam : public Pam {
 class Observer : public Pam::Notifiee {
  public:
   explicit Observer(Brio::Ptr<Pam> const& p) : Notifiee(p) {}
-  void handleReadableCount() override { ++readable; }
   void handleWritableCount() override { ++writable; }
-  int readable = 0;
   int writable = 0;
 };
 
@@ -46,18 +42,6 @@ TEST(Pam, RxPktReturnsNullWhenNothingWaitsAndNeverTheSamePacketTwice) {
   EXPECT_FALSE(pam->rxPktHolder());
   EXPECT_FALSE(pam->rxPkt());
   EXPECT_EQ(p->references(), 1u);  // the endpoint kept no reference
-}
-
-TEST(Pam, EqualCounterWritesNeitherHookNorNotify) {
-  auto pam = QueuePam::make();
-  Observer o(pam);
-  pam->readableCountIs(5);
-  pam->readableCountIs(5);
-  EXPECT_EQ(pam->readableHooks, 1);
-  EXPECT_EQ(o.readable, 1);
-  pam->readableCountInc(2);
-  EXPECT_EQ(pam->readableCount(), 7u);
-  EXPECT_EQ(o.readable, 2);
 }
 
 TEST(PamDeathTest, BulkReceiveOnEndpointWithoutBatchesAborts) {

@@ -50,17 +50,6 @@ TEST(Clock, ManualTimeFiresDueClocksInTimeOrderThenArmingOrder) {
   EXPECT_EQ(log, (Log{"c2@1000", "c3@2000", "c1@3000", "c3@3000", "c2@3000"}));
 }
 
-TEST(Clock, PeriodicHandlerFiresOncePerPeriodWithinOneAdvance) {
-  ActivityManager am(ActivityManager::TimeSource::manual);
-  Log log;
-  auto c = Clock::clockFactory("tick");
-  Waker w(c, &log, "t");
-  w.action = [&] { c->timeMinIs(Brio::now() + 0.25); };
-  c->timeMinIs(0.25);
-  am.advanceTime(1.0);
-  EXPECT_EQ(log, (Log{"t@250", "t@500", "t@750", "t@1000"}));
-}
-
 TEST(Clock, ClockSetToThePastFiresOnTheNextTurnNotInsideItsOwnPass) {
   ActivityManager am(ActivityManager::TimeSource::manual);
   Log log;

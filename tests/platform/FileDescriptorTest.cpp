@@ -38,34 +38,31 @@ struct Pipe {
 
 using CorvidTest::openDescriptors;
 
-TEST(FileDescriptor, LevelTriggeredRepeatsEveryTurnUntilDrained) {
-  ActivityManager am;
-  Pipe p;
-  auto fd = FileDescriptor::fileDescriptorFactory("pipe", p.fds[0]);
-  Counter c(fd);
-  fd->notifyOnReadableIs(true);
-  p.put("x");
-  for (int i = 0; i < 3; ++i) am.runOnce(1);
-  EXPECT_EQ(c.readable, 3);
-  char buf[8];
-  ASSERT_EQ(read(p.fds[0], buf, sizeof buf), 1);
-  am.runOnce(0.02);
-  EXPECT_EQ(c.readable, 3);
-}
-
-TEST(FileDescriptor, EdgeTriggeredFiresOncePerArrival) {
-  ActivityManager am;
-  Pipe p;
-  auto fd = FileDescriptor::fileDescriptorFactory("pipe", p.fds[0]);
-  Counter c(fd);
-  fd->edgeTriggeredIs(true);
-  fd->notifyOnReadableIs(true);
-  p.put("x");
-  for (int i = 0; i < 3; ++i) am.runOnce(0.02);
-  EXPECT_EQ(c.readable, 1);
-  p.put("y");  // new data is a new edge, even though nothing was read
-  for (int i = 0; i < 3; ++i) am.runOnce(0.02);
-  EXPECT_EQ(c.readable, 2);
+TEST(FileDescriptor, LevelTriggeredRepeatsUntilDrainedAndEdgeTriggeredFiresOncePerArrival) {
+  struct {
+    bool edge;
+    int afterArrival, afterSecondArrival, afterDrain;  // handleReadable calls so far
+  } const cases[] = {{false, 3, 6, 6}, {true, 1, 2, 2}};
+  for (auto const& k : cases) {
+    SCOPED_TRACE(k.edge ? "edge-triggered" : "level-triggered");
+    ActivityManager am;
+    Pipe p;
+    auto fd = FileDescriptor::fileDescriptorFactory("pipe", p.fds[0]);
+    Counter c(fd);
+    fd->edgeTriggeredIs(k.edge);
+    fd->notifyOnReadableIs(true);
+    auto turns = [&](int n) {
+      for (int i = 0; i < n; ++i) am.runOnce(0.02);
+      return c.readable;
+    };
+    p.put("x");
+    EXPECT_EQ(turns(3), k.afterArrival);
+    p.put("y");  // new data is a new edge, even though nothing was read
+    EXPECT_EQ(turns(3), k.afterSecondArrival);
+    char buf[8];
+    ASSERT_EQ(read(p.fds[0], buf, sizeof buf), 2);
+    EXPECT_EQ(turns(1), k.afterDrain);
+  }
 }
 
 TEST(FileDescriptor, WritableAndReadableAreSwitchedIndependently) {
