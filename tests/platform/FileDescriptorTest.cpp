@@ -97,23 +97,26 @@ TEST(FileDescriptor, HandlerDestroyingAnotherReadyDescriptorSuppressesItsEvent) 
   Pipe p1, p2;
   auto a = FileDescriptor::fileDescriptorFactory("a", p1.fds[0]);
   auto b = FileDescriptor::fileDescriptorFactory("b", p2.fds[0]);
-  Counter ca(a);
+  auto ca = std::make_unique<Counter>(a);
   auto cb = std::make_unique<Counter>(b);
-  a->notifyOnReadableIs(true);
-  b->notifyOnReadableIs(true);
+  int heard = 0;
+  // Both are ready in the same turn; whichever is heard first destroys the
+  // other, entity and reactor, so the other's event must not be delivered.
+  ca->onReadable = [&] {
+    ++heard;
+    cb.reset();
+    b = nullptr;
+  };
+  cb->onReadable = [&] {
+    ++heard;
+    ca.reset();
+    a = nullptr;
+  };
+  for (auto const& fd : {a, b}) fd->notifyOnReadableIs(true);
   p1.put("x");
   p2.put("x");
-  int killed = 0;
-  auto kill = [&] {
-    if (cb) {
-      cb.reset();
-      b = nullptr;
-      ++killed;
-    }
-  };
-  ca.onReadable = kill;
   am.runOnce(1);
-  EXPECT_EQ(killed, 1);
+  EXPECT_EQ(heard, 1);
   EXPECT_EQ(am.descriptors(), 1u);
 }
 

@@ -1,5 +1,6 @@
 #include <Brio/Record.h>
 #include <Brio/TextForm.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -50,12 +51,8 @@ TEST(TextForm, BuiltInReadersRejectMalformedAndOutOfRange) {
   EXPECT_THROW(Brio::strepToValue<String>("'open"), Brio::RangeException);
   EXPECT_THROW(Brio::strepToValue<String>("'bad\\q'"), Brio::RangeException);
   EXPECT_THROW(Brio::strepToValue<String>("'bad\\x4'"), Brio::RangeException);
-  try {
-    Brio::strepToValue<U32>("12 ");
-    FAIL() << "trailing text accepted";
-  } catch (Brio::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "unexpected text after value");
-  }
+  EXPECT_THAT([] { Brio::strepToValue<U32>("12 "); },
+              testing::ThrowsMessage<Brio::RangeException>(testing::StrEq("unexpected text after value")));
 }
 
 TEST(TextForm, ReadersNeverReadPastEndOfAnyCut) {

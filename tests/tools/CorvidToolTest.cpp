@@ -63,47 +63,42 @@ std::vector<std::string> const synopses = {
     "send (--intf NAME | --to IPV4 [--protocol P] [--device D]) HEX...",
 };
 
-TEST_F(CorvidTool, Help_PrintsTheUsageAndWhatEachCommandAccepts) {
-  std::vector<std::string> everySynopsis;
-  for (auto const& s : synopses) everySynopsis.push_back("\n  " + s + "\n");
-  struct {
-    std::vector<std::string> args;
-    std::string usage;                 // after "usage: corvid "
-    std::vector<std::string> accepts;  // each must appear after the usage
-  } const cases[] = {
-      {{"--help"}, "", everySynopsis},
-      {{"-h"}, "", everySynopsis},
-      {{"help"}, "", everySynopsis},
-      {{"demo", "--help"}, synopses[0] + "\n", {}},
-      {{"value", "--help"}, synopses[1] + "\n",
-       {"  --json  ", "TYPE words:\n  ipv4 ", "\n  ip-full-mask ", "\n  intf "}},
-      {{"packet", "--help"}, synopses[2] + "\n", {"  --json  ", "  HEX  "}},
-      {{"capture", "--help"}, synopses[3] + "\n", {"  --intf NAME ", "  --count N ", "  --seconds S ", "  --json "}},
-      {{"send", "--help"}, synopses[4] + "\n", {"  --intf NAME ", "  --to IPV4 ", "  --protocol P ", "  --device D "}},
-  };
-  for (auto const& c : cases) {
-    RUN(r, c.args);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err, "");
-    EXPECT_TRUE(startsWith(r.out, "usage: corvid " + c.usage));
-    for (auto const& a : c.accepts) EXPECT_TRUE(has(r.out, a)) << a;
-  }
-}
-
-TEST_F(CorvidTool, Version_PrintsTheProjectVersion) {
+TEST_F(CorvidTool, HelpAndVersion_PrintTheUsageWhatEachCommandAcceptsAndTheProjectVersion) {
   std::ifstream cache(CorvidTest::buildDir() + "/CMakeCache.txt");
   std::string line, version;
   while (std::getline(cache, line)) {
     if (startsWith(line, "CMAKE_PROJECT_VERSION:STATIC=")) version = line.substr(line.find('=') + 1);
   }
   ASSERT_EQ(std::count(version.begin(), version.end(), '.'), 2) << "'" << version << "'";
-  RUN(r, {"--version"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "corvid " + version + "\n");
-  EXPECT_EQ(r.err, "");
+  std::vector<std::string> everySynopsis;
+  for (auto const& s : synopses) everySynopsis.push_back("\n  " + s + "\n");
+  struct {
+    std::vector<std::string> args;
+    std::string start;                 // of stdout
+    std::vector<std::string> accepts;  // each must appear after it
+  } const cases[] = {
+      {{"--help"}, "usage: corvid ", everySynopsis},
+      {{"-h"}, "usage: corvid ", everySynopsis},
+      {{"help"}, "usage: corvid ", everySynopsis},
+      {{"demo", "--help"}, "usage: corvid " + synopses[0] + "\n", {}},
+      {{"value", "--help"}, "usage: corvid " + synopses[1] + "\n", {"  --json  ", "TYPE words:\n  ipv4 "}},
+      {{"packet", "--help"}, "usage: corvid " + synopses[2] + "\n", {"  --json  ", "  HEX  "}},
+      {{"capture", "--help"}, "usage: corvid " + synopses[3] + "\n",
+       {"  --intf NAME ", "  --count N ", "  --seconds S ", "  --json "}},
+      {{"send", "--help"}, "usage: corvid " + synopses[4] + "\n",
+       {"  --intf NAME ", "  --to IPV4 ", "  --protocol P ", "  --device D "}},
+      {{"--version"}, "corvid " + version + "\n", {}},
+  };
+  for (auto const& c : cases) {
+    RUN(r, c.args);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    EXPECT_TRUE(startsWith(r.out, c.start));
+    for (auto const& a : c.accepts) EXPECT_TRUE(has(r.out, a)) << a;
+  }
 }
 
-TEST_F(CorvidTool, BadCommandLines_ExitTwoWithTheReasonAndUsage_MissingDevicesOneWithTheSystemsReason) {
+TEST_F(CorvidTool, BadCommandLines_ExitTwoWithTheReasonAndUsage_BadHexOrDevicesOneWithTheReasonAlone) {
   struct {
     std::vector<std::string> args;
     char const* message;  // must appear on stderr
@@ -129,6 +124,10 @@ TEST_F(CorvidTool, BadCommandLines_ExitTwoWithTheReasonAndUsage_MissingDevicesOn
       {{"capture", "--intf", "nosuch0", "--count", "1", "--seconds", "1"},
        "corvid capture: nosuch0: ioctl(SIOCGIFINDEX): No such device\n", 1},
       {{"send", "--intf", "nosuch0", "00"}, "corvid send: ioctl(SIOCGIFINDEX): No such device\n", 1},
+      {{"packet", "zz"}, "corvid packet: not a hex digit: 'z'\n", 1},
+      {{"packet", "0x00", "00g0"}, "corvid packet: not a hex digit: 'g'\n", 1},
+      {{"packet", "000"}, "corvid packet: odd number of hex digits\n", 1},
+      {{"packet", "12 3"}, "corvid packet: odd number of hex digits\n", 1},
   };
   for (auto const& c : cases) {
     RUN(r, c.args);
@@ -382,33 +381,24 @@ TEST_F(CorvidTool, Packet_DecodesHeadersAndGivesChecksumAndSanityVerdictsAsTextA
   }
 }
 
-TEST_F(CorvidTool, PacketHex_SpellingsDecodeAlikeAndBadHexExitsOneWithoutDecoding) {
+TEST_F(CorvidTool, PacketHex_SpellingsDecodeAlike) {
   std::string const hex = toHex(udpFrame());
   ToolResult const plain = runCorvid({"packet", hex});
   ASSERT_EQ(plain.status, 0) << shown(plain);
   std::string colons;
   for (std::size_t i = 0; i < hex.size(); i += 2) colons.append(i ? ":" : "").append(hex, i, 2);
-  struct {
-    std::vector<std::string> words;
-    bool good;
-  } const cases[] = {
-      {{"0x" + hex}, true},
-      {{colons}, true},
-      {{hex.substr(0, 28), "0X" + hex.substr(28, 40), hex.substr(68)}, true},
-      {{"ffff.ffff.ffff-0200.0000.0001-" + hex.substr(24)}, true},
-      {{"zz"}, false},
-      {{hex + "g0"}, false},
-      {{hex + "0"}, false},
-      {{"12 3"}, false},
-      {{"0x0g"}, false},
+  std::vector<std::string> const spellings[] = {
+      {"0x" + hex},
+      {colons},
+      {hex.substr(0, 28), "0X" + hex.substr(28, 40), hex.substr(68)},
+      {"ffff.ffff.ffff-0200.0000.0001-" + hex.substr(24)},
   };
-  for (auto const& c : cases) {
+  for (auto const& words : spellings) {
     std::vector<std::string> args = {"packet"};
-    args.insert(args.end(), c.words.begin(), c.words.end());
+    args.insert(args.end(), words.begin(), words.end());
     RUN(r, args);
-    EXPECT_EQ(r.status, c.good ? 0 : 1) << c.words[0];
-    EXPECT_EQ(r.out, c.good ? plain.out : "") << c.words[0];
-    EXPECT_EQ(startsWith(r.err, "corvid packet: "), !c.good) << c.words[0];
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, plain.out);
   }
 }
 
