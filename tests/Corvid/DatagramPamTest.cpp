@@ -1,10 +1,6 @@
 #include <Brio/ActivityManager.h>
 #include <Corvid/DatagramPam.h>
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>

@@ -4,8 +4,6 @@
 #include <Corvid/TestPam.h>
 #include <gtest/gtest.h>
 
-#include "support/NetnsScope.h"
-
 namespace {
 
 using Corvid::Pkt;

@@ -1,7 +1,6 @@
 // The corvid tool seen from outside: each test runs the built binary, as an
 // operator or a script would, and checks stdout, stderr and the exit status
 // (0 success, 1 a value or frame that does not hold up, 2 a bad command line).
-#include <arpa/inet.h>
 #include <signal.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
