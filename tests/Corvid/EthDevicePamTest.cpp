@@ -105,14 +105,6 @@ TEST_F(EthDevicePamTest, RxPktAloneReadsOneFrameAtATimeAndTransmitReachesAnIndep
   }
 }
 
-TEST_F(EthDevicePamTest, MissingInterfaceLeavesTheEndpointDisabledWithTheReason) {
-  auto pam = EthDevicePam::ethDevicePamFactory("eth", "cv-missing");
-  pam->enabledIs(true);
-  EXPECT_FALSE(pam->enabled());
-  EXPECT_EQ(pam->openErrno(), ENODEV);
-  EXPECT_EQ(pam->reason(), Brio::String("ioctl(SIOCGIFINDEX): No such device"));
-}
-
 TEST_F(EthDevicePamTest, EachEnableKeepsOnlyTheSocketsDeliberateQueryDescriptor) {
   auto pam = EthDevicePam::ethDevicePamFactory("eth", "cv0");
   pam->enabledIs(true);

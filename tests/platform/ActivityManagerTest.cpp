@@ -90,15 +90,6 @@ TEST(Clock, DisarmedDestroyedOrDestroyedByAnotherHandlerClocksNeverFire) {
   EXPECT_EQ(log, (Log{"a@1000"}));
 }
 
-TEST(ActivityManager, RealTimeClockWakesRunUntil) {
-  ActivityManager am;
-  Log log;
-  auto c = Clock::clockFactory("soon");
-  Waker w(c, &log, "soon");
-  c->timeMinIs(Brio::now() + 0.02);
-  EXPECT_TRUE(am.runUntil([&] { return !log.empty(); }, 5));
-}
-
 TEST(ActivityManager, StopFromHandlerEndsRun) {
   ActivityManager am(ActivityManager::TimeSource::manual);
   Log log;

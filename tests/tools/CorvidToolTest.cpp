@@ -437,57 +437,42 @@ class CorvidToolInNamespace : public CorvidTool {
   CorvidTest::NetnsScope ns_;
 };
 
-TEST_F(CorvidToolInNamespace, SendAndCapture_RoundTripTwoFramesOverAVethPairAsTextAndJson) {
-  for (bool const json : {false, true}) {
-    SCOPED_TRACE(json ? "--json" : "text");
-    std::vector<std::string> args = {"capture", "--intf", "cv0", "--count", "2", "--seconds", "5"};
-    if (json) args.push_back("--json");
-    ToolProcess capture(args);
-    ASSERT_TRUE(capture.started());
-    // Frames sent before the capture binds its socket would be lost.
-    for (int i = 0; i < 200 && !packetSocketBoundTo("cv0"); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ASSERT_TRUE(packetSocketBoundTo("cv0")) << shown(capture.finish(1));
-
-    for (auto const& frame : {udpFrame(1111, 2222), udpFrame(3333, 4444, 2)}) {
-      RUN(sent, {"send", "--intf", "cv1", toHex(frame)});
-      EXPECT_EQ(sent.status, 0);
-      EXPECT_EQ(sent.out, "sent 62 bytes\n");
-      EXPECT_EQ(diagnostics(sent.err), "");
-    }
-    ToolResult const r = capture.finish(10);
-    SCOPED_TRACE(shown(r));
-    ASSERT_FALSE(r.timedOut);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(diagnostics(r.err), "");
-    if (json) {
-      auto const events = jsonLines(r.out);
-      ASSERT_EQ(events.size(), 4u);
-      expectMembers(events[0], {{"/event", "start"}, {"/intf", "cv0"}});
-      expectMembers(events[1], {{"/event", "frame"}, {"/frame", 1}, {"/bytes", 62}, {"/headers/2/srcPort", 1111}});
-      expectMembers(events[2], {{"/frame", 2}, {"/headers/1/identification", 2}, {"/headers/2/checksumValid", true}});
-      expectMembers(events[3], {{"/event", "end"}, {"/frames", 2}, {"/rxErrors", 0}});
-      continue;
-    }
-    std::size_t at = 0;  // in order
-    for (char const* part : {"capturing IPv4 frames on cv0\n", "frame 1: 62 bytes\n", "srcPort=1111 dstPort=2222 ",
-                             "frame 2: 62 bytes\n", "identification=2 ", "(valid)\n", "\n2 frames\n"}) {
-      at = r.out.find(part, at);
-      ASSERT_NE(at, std::string::npos) << part;
-    }
+// The frames' text lines are the packet command's (tested above); the
+// capture's own text lines are checked without traffic below.
+TEST_F(CorvidToolInNamespace, SendAndCapture_RoundTripTwoFramesOverAVethPair) {
+  ToolProcess capture({"capture", "--json", "--intf", "cv0", "--count", "2", "--seconds", "5"});
+  ASSERT_TRUE(capture.started());
+  // Frames sent before the capture binds its socket would be lost.
+  for (int i = 0; i < 200 && !packetSocketBoundTo("cv0"); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
+  ASSERT_TRUE(packetSocketBoundTo("cv0")) << shown(capture.finish(1));
+  for (auto const& frame : {udpFrame(1111, 2222), udpFrame(3333, 4444, 2)}) {
+    RUN(sent, {"send", "--intf", "cv1", toHex(frame)});
+    EXPECT_EQ(sent.status, 0);
+    EXPECT_EQ(sent.out, "sent 62 bytes\n");
+    EXPECT_EQ(diagnostics(sent.err), "");
+  }
+  ToolResult const r = capture.finish(10);
+  SCOPED_TRACE(shown(r));
+  ASSERT_FALSE(r.timedOut);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(diagnostics(r.err), "");
+  auto const events = jsonLines(r.out);
+  ASSERT_EQ(events.size(), 4u);
+  expectMembers(events[0], {{"/event", "start"}, {"/intf", "cv0"}});
+  expectMembers(events[1], {{"/event", "frame"}, {"/frame", 1}, {"/bytes", 62}, {"/headers/2/srcPort", 1111}});
+  expectMembers(events[2], {{"/frame", 2}, {"/headers/1/identification", 2}, {"/headers/2/checksumValid", true}});
+  expectMembers(events[3], {{"/event", "end"}, {"/frames", 2}, {"/rxErrors", 0}});
 }
 
 TEST_F(CorvidToolInNamespace, CaptureWithoutTraffic_StopsWhenItsSecondsRunOut) {
   auto const start = std::chrono::steady_clock::now();
-  RUN(r, {"capture", "--json", "--intf", "cv0", "--count", "1", "--seconds", "1"}, 10);
+  RUN(r, {"capture", "--intf", "cv0", "--count", "1", "--seconds", "1"}, 10);
   EXPECT_GE(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 0.9);
   EXPECT_FALSE(r.timedOut);
   EXPECT_EQ(r.status, 0);
-  auto const events = jsonLines(r.out);
-  ASSERT_EQ(events.size(), 2u);
-  expectMembers(events[1], {{"/event", "end"}, {"/frames", 0}});
+  EXPECT_EQ(r.out, "capturing IPv4 frames on cv0\n0 frames\n");
 }
 
 TEST_F(CorvidToolInNamespace, SendTo_DeliversThePayloadToAnIndependentRawReceiver) {
