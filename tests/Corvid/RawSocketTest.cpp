@@ -64,7 +64,7 @@ TEST_F(RawSocketTest, IpSocketForAllProtocolsOpensProtocol255AndHeaderInclusionI
   }
 }
 
-TEST_F(RawSocketTest, DeviceBindingReadsBackAndEmptyNameUnbinds) {
+TEST_F(RawSocketTest, DeviceBindingAndBufferSizesReadBackAsTheKernelKeepsThem) {
   auto s = manager_->newIpSocket("ip", Corvid::protocolAll, 0);
   auto bound = [&] {
     char name[IFNAMSIZ] = {};
@@ -78,10 +78,6 @@ TEST_F(RawSocketTest, DeviceBindingReadsBackAndEmptyNameUnbinds) {
   s->deviceIs("");
   EXPECT_EQ(bound(), "");
   EXPECT_THAT([&] { s->deviceIs("cv-missing"); }, raises(ENODEV));
-}
-
-TEST_F(RawSocketTest, BufferSizesReadBackAsTheKernelKeepsThem) {
-  auto s = manager_->newIpSocket("ip", Corvid::protocolAll, 0);
   s->setSendBufSize(65536);
   s->setRecvBufSize(32768);
   EXPECT_EQ(s->sendBufSize(), 2u * 65536);  // the kernel doubles for its overhead
