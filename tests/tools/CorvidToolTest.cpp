@@ -3,7 +3,6 @@
 // (0 success, 1 a value or frame that does not hold up, 2 a bad command line).
 #include <signal.h>
 #include <gtest/gtest.h>
-#include <net/if.h>
 #include <netinet/in.h>
 #include <nlohmann/json.hpp>
 #include <sys/socket.h>
@@ -410,21 +409,9 @@ std::string diagnostics(std::string err) {
   return err;
 }
 
-// Whether a packet socket is bound to the interface, as the kernel lists
-// them for this thread's namespace.
-bool packetSocketBoundTo(std::string const& intf) {
-  unsigned const index = if_nametoindex(intf.c_str());
-  std::ifstream table("/proc/thread-self/net/packet");
-  std::string line;
-  std::getline(table, line);  // column names
-  while (std::getline(table, line)) {
-    std::istringstream fields(line);
-    std::string sk, refs, type, proto;
-    unsigned iface = 0;
-    if (fields >> sk >> refs >> type >> proto >> iface && index != 0 && iface == index) return true;
-  }
-  return false;
-}
+// Whether a packet socket is bound to the interface, as ss lists them in
+// this thread's namespace.
+bool packetSocketBoundTo(std::string const& intf) { return has(CorvidTest::shOutput("ss -0n"), ":" + intf + " "); }
 
 class CorvidToolInNamespace : public CorvidTool {
  protected:
