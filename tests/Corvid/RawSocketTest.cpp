@@ -92,32 +92,29 @@ TEST_F(RawSocketTest, BindAcceptsALocalAddressOnly) {
   EXPECT_THAT([&] { other->bind(Corvid::IpAddr(198, 51, 100, 9)); }, raises(EADDRNOTAVAIL));
 }
 
-TEST_F(RawSocketTest, FullSendBufferOfAnEthSocketGivesNegativeResultAndNoException) {
-  // A rate limit of 8 bit/s holds the frames in the queue discipline, where
-  // they keep their send-buffer charge.
-  ASSERT_EQ(CorvidTest::sh("tc qdisc add dev cv0 root tbf rate 8bit burst 1600 limit 1000000"), 0);
-  auto s = manager_->newEthSocket("eth", "cv0", Corvid::protocolAll);
-  s->setSendBufSize(4096);
-  auto pkt = Corvid::globalPktManager()->newPkt();
-  pkt->stringValueIs(ipv4Frame(std::string(1200, 'p')), false);
-  int result = 0;
-  for (int i = 0; i < 200 && result >= 0; ++i) result = s->sendFrame(pkt);
+// Frames held by an 8 bit/s queue discipline, and datagrams waiting for a
+// neighbour that never answers, keep their send-buffer charge, so a small
+// buffer fills. An Ethernet socket then gives a negative result (EAGAIN)
+// and raises nothing; a raw IP socket reports ENOBUFS, which is not EAGAIN
+// and so is raised.
+TEST_F(RawSocketTest, FullSendBuffer_EthSocketGivesNegativeResultAndRawIpRaisesEnobufs) {
+  ASSERT_EQ(CorvidTest::sh("tc qdisc add dev cv0 root tbf rate 8bit burst 1600 limit 1000000 && "
+                           "ip addr add 198.51.100.1/24 dev cv0"),
+            0);
+  auto eth = manager_->newEthSocket("eth", "cv0", Corvid::protocolAll);
+  auto ip = manager_->newIpSocket("ip", 253, 0);
+  eth->setSendBufSize(4096);
+  ip->setSendBufSize(4096);
+  auto frame = Corvid::globalPktManager()->newPkt(), payload = Corvid::globalPktManager()->newPkt();
+  frame->stringValueIs(ipv4Frame(std::string(1200, 'p')), false);
+  payload->stringValueIs(std::string(1200, 'p'), false);
+  int result = 0, error = 0;
+  for (int i = 0; i < 200 && result >= 0; ++i) result = eth->sendFrame(frame);
   EXPECT_LT(result, 0);
   EXPECT_EQ(errno, EAGAIN);
-}
-
-TEST_F(RawSocketTest, RawIpSendOverflowIsENOBUFSAndRaises) {
-  // Raw IP sockets report an exhausted buffer as ENOBUFS, not EAGAIN: only
-  // EAGAIN is silent, so this one is raised.
-  ASSERT_EQ(CorvidTest::sh("ip addr add 198.51.100.1/24 dev cv0"), 0);
-  auto s = manager_->newIpSocket("ip", 253, 0);
-  s->setSendBufSize(4096);
-  auto pkt = Corvid::globalPktManager()->newPkt();
-  pkt->stringValueIs(std::string(1200, 'p'), false);
-  int error = 0;
   for (int i = 0; i < 200 && !error; ++i) {
     try {
-      s->sendPkt(pkt, Corvid::IpAddr(198, 51, 100, 77));  // a neighbour that never answers
+      ip->sendPkt(payload, Corvid::IpAddr(198, 51, 100, 77));
     } catch (Brio::ErrnoException const& e) {
       error = e.errorNumber();
     }
