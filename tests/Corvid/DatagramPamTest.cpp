@@ -88,7 +88,7 @@ TEST_F(DatagramPamTest, TransmitReachesThePeerAndCountsWhatItCannotSend) {
   testing::internal::CaptureStderr();
   pam->txDestinationIs(IpAddr(255, 255, 255, 255), 9);  // refused without SO_BROADCAST
   pam->txPktIs(pkt);
-  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "error sending pkt:13 Permission denied\n");
   EXPECT_EQ(pam->txErrors(), 1u);
   EXPECT_EQ(pam->txErrno(), static_cast<U32>(EACCES));
 }
