@@ -27,9 +27,13 @@ class Waker : public Clock::Notifiee {
 
 using Log = std::vector<std::string>;
 
-TEST(Clock, ManualTimeFiresDueClocksInTimeOrderThenArmingOrder) {
-  ActivityManager am(ActivityManager::TimeSource::manual);
+class ManualTime : public ::testing::Test {
+ protected:
+  ActivityManager am{ActivityManager::TimeSource::manual};
   Log log;
+};
+
+TEST_F(ManualTime, DueClocksFireInTimeOrderThenArmingOrder) {
   auto c1 = Clock::clockFactory("c1"), c2 = Clock::clockFactory("c2"), c3 = Clock::clockFactory("c3");
   Waker w1(c1, &log, "c1"), w2(c2, &log, "c2"), w3(c3, &log, "c3");
   c1->timeMinIs(3.0);
@@ -46,9 +50,7 @@ TEST(Clock, ManualTimeFiresDueClocksInTimeOrderThenArmingOrder) {
   EXPECT_EQ(log, (Log{"c2@1000", "c3@2000", "c1@3000", "c3@3000", "c2@3000"}));
 }
 
-TEST(Clock, ClockSetToThePastFiresOnTheNextTurnNotInsideItsOwnPass) {
-  ActivityManager am(ActivityManager::TimeSource::manual);
-  Log log;
+TEST_F(ManualTime, ClockSetToThePastFiresOnTheNextTurnNotInsideItsOwnPass) {
   auto c = Clock::clockFactory("past");
   Waker w(c, &log, "p");
   int rearms = 0;
@@ -65,9 +67,7 @@ TEST(Clock, ClockSetToThePastFiresOnTheNextTurnNotInsideItsOwnPass) {
   }
 }
 
-TEST(Clock, DisarmedDestroyedOrDestroyedByAnotherHandlerClocksNeverFire) {
-  ActivityManager am(ActivityManager::TimeSource::manual);
-  Log log;
+TEST_F(ManualTime, DisarmedDestroyedOrDestroyedByAnotherHandlerClocksNeverFire) {
   auto a = Clock::clockFactory("a"), b = Clock::clockFactory("b"), c = Clock::clockFactory("c");
   Waker wa(a, &log, "a");
   auto wb = std::make_unique<Waker>(b, &log, "b");
@@ -90,9 +90,7 @@ TEST(Clock, DisarmedDestroyedOrDestroyedByAnotherHandlerClocksNeverFire) {
   EXPECT_EQ(log, (Log{"a@1000"}));
 }
 
-TEST(ActivityManager, StopFromHandlerEndsRun) {
-  ActivityManager am(ActivityManager::TimeSource::manual);
-  Log log;
+TEST_F(ManualTime, StopFromHandlerEndsRun) {
   auto c = Clock::clockFactory("stopper");
   Waker w(c, &log, "s");
   w.action = [&] { am.stop(); };
