@@ -74,9 +74,7 @@ TEST_F(PktSocketTest, FullSendBufferGivesNegativeResultSilently) {
   setsockopt(s->descriptor(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
   auto pkt = Corvid::globalPktManager()->newPkt();
   pkt->stringValueIs(std::string(1200, 'p'), false);
-  sockaddr_in silent{};
-  silent.sin_family = AF_INET;
-  silent.sin_port = htons(9);
+  sockaddr_in silent = loopback(9);
   inet_pton(AF_INET, "198.51.100.77", &silent.sin_addr);
   testing::internal::CaptureStderr();
   int result = 0;

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 
 #include "support/NetnsScope.h"
@@ -16,9 +15,7 @@ TEST(ResponderExample, AnswersAFrameWithTheAddressesSwapped) {
   CorvidTest::NetnsScope ns;
   CORVID_REQUIRE_NETNS(ns);
   ASSERT_TRUE(ns.vethPair("cv0", "cv1"));
-  char const* binaryDir = std::getenv("CORVID_TEST_BINARY_DIR");
-  std::string const binary = std::string(binaryDir ? binaryDir : CORVID_BINARY_DIR) + "/examples/responder";
-  CorvidTest::ToolProcess responder({"cv0", "1"}, binary);
+  CorvidTest::ToolProcess responder({"cv0", "1"}, CorvidTest::buildDir() + "/examples/responder");
   ASSERT_TRUE(responder.started());
   CorvidTest::PacketPeer peer("cv1");
   std::string frame = CorvidTest::ipv4Frame("ping-responder");

@@ -46,7 +46,6 @@ class CorvidTool : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string const binary = CorvidTest::corvidBinary();
-    ASSERT_FALSE(binary.empty()) << "set CORVID_TEST_BINARY_DIR to the build directory";
     ASSERT_EQ(access(binary.c_str(), X_OK), 0) << binary << " is not built";
   }
 };
@@ -481,10 +480,7 @@ TEST_F(CorvidToolInNamespace, SendTo_DeliversThePayloadToAnIndependentRawReceive
 
 // What one tour made, by its name (its pid): scratch namespaces and tables.
 bool demoLeftovers(pid_t pid) {
-  std::string const tag = "corvid-demo-" + std::to_string(pid);
-  std::string const netns = CorvidTest::shOutput("ip netns list");
-  std::string const shm = CorvidTest::shOutput("ls /dev/shm");
-  return netns.find(tag) != std::string::npos || shm.find(tag) != std::string::npos;
+  return has(CorvidTest::shOutput("ip netns list; ls /dev/shm"), "corvid-demo-" + std::to_string(pid));
 }
 
 // As the caller and, when that is root, as user nobody (setpriv execs the
