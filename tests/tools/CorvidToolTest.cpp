@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
@@ -61,11 +60,8 @@ std::vector<std::string> const synopses = {
 };
 
 TEST_F(CorvidTool, HelpAndVersion_PrintTheUsageWhatEachCommandAcceptsAndTheProjectVersion) {
-  std::ifstream cache(CorvidTest::buildDir() + "/CMakeCache.txt");
-  std::string line, version;
-  while (std::getline(cache, line)) {
-    if (startsWith(line, "CMAKE_PROJECT_VERSION:STATIC=")) version = line.substr(line.find('=') + 1);
-  }
+  std::string const version =  // with its newline
+      CorvidTest::shOutput("sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' " + CorvidTest::buildDir() + "/CMakeCache.txt");
   ASSERT_EQ(std::count(version.begin(), version.end(), '.'), 2) << "'" << version << "'";
   std::vector<std::string> everySynopsis;
   for (auto const& s : synopses) everySynopsis.push_back("\n  " + s + "\n");
@@ -84,7 +80,7 @@ TEST_F(CorvidTool, HelpAndVersion_PrintTheUsageWhatEachCommandAcceptsAndTheProje
        {"  --intf NAME ", "  --count N ", "  --seconds S ", "  --json "}},
       {{"send", "--help"}, "usage: corvid " + synopses[4] + "\n",
        {"  --intf NAME ", "  --to IPV4 ", "  --protocol P ", "  --device D "}},
-      {{"--version"}, "corvid " + version + "\n", {}},
+      {{"--version"}, "corvid " + version, {}},
   };
   for (auto const& c : cases) {
     RUN(r, c.args);
