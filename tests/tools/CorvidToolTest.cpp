@@ -60,8 +60,8 @@ std::vector<std::string> const synopses = {
 };
 
 TEST_F(CorvidTool, HelpAndVersion_PrintTheUsageWhatEachCommandAcceptsAndTheProjectVersion) {
-  std::string const version =  // with its newline
-      CorvidTest::shOutput("sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' " + CorvidTest::buildDir() + "/CMakeCache.txt");
+  std::string const cache = CorvidTest::buildDir() + "/CMakeCache.txt";
+  std::string const version = CorvidTest::shOutput("sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' " + cache);  // and \n
   ASSERT_EQ(std::count(version.begin(), version.end(), '.'), 2) << "'" << version << "'";
   std::vector<std::string> everySynopsis;
   for (auto const& s : synopses) everySynopsis.push_back("\n  " + s + "\n");
