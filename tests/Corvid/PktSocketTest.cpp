@@ -31,25 +31,20 @@ class PktSocketTest : public ::testing::Test {
 };
 
 // The sender's port and the quiet empty read are DatagramPamTest's checks.
-TEST_F(PktSocketTest, ReceiveCutsALongDatagramToTheBuffer) {
+TEST_F(PktSocketTest, ReceiveCutsALongDatagramAndSendGathersThePrivateHeadIntoOne) {
   Udp udp, peer;
   U16 port = udp.port;
   auto s = pktSocket(udp);
   peer.sendTo(port, std::string(2000, 'z'));
-  auto pkt = s->recvPkt(nullptr);
-  ASSERT_TRUE(pkt);
-  EXPECT_EQ(pkt->bytes(), 1536u);
-}
-
-TEST_F(PktSocketTest, PrivateHeadBytesGoOutWithTheSharedDataInOneDatagram) {
-  Udp udp, peer;
-  auto s = pktSocket(udp);
-  auto pkt = Corvid::globalPktManager()->newPkt();
-  pkt->stringValueIs("payload", false);
-  pkt->newPrivateHeadData(4);
-  for (U32 i = 0; i < 4; ++i) pkt->rawByteIs(i, static_cast<U8>('A' + i));
-  ASSERT_EQ(pkt->ioVecCount(), 2u);
-  EXPECT_EQ(s->sendPkt(pkt, loopback(peer.port)), 11);
+  auto in = s->recvPkt(nullptr);
+  ASSERT_TRUE(in);
+  EXPECT_EQ(in->bytes(), 1536u);
+  auto out = Corvid::globalPktManager()->newPkt();
+  out->stringValueIs("payload", false);
+  out->newPrivateHeadData(4);
+  for (U32 i = 0; i < 4; ++i) out->rawByteIs(i, static_cast<U8>('A' + i));
+  ASSERT_EQ(out->ioVecCount(), 2u);
+  EXPECT_EQ(s->sendPkt(out, loopback(peer.port)), 11);
   EXPECT_EQ(peer.receive(), "ABCDpayload");
 }
 
