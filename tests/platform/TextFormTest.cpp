@@ -33,16 +33,6 @@ TEST(TextForm, DectolReadsDigitRunAndStopsAtFirstNonDigit) {
   }
 }
 
-TEST(TextForm, NeedStringConsumesOnlyOnFullMatch) {
-  String s("Value('x");
-  StringIter pos = s.begin();
-  Brio::needString(pos, s.end(), "Value('");
-  EXPECT_EQ(*pos, 'x');
-  StringIter before = pos;
-  EXPECT_THROW(Brio::needString(pos, s.end(), "xyz"), Brio::RangeException);
-  EXPECT_EQ(pos, before);
-}
-
 TEST(TextForm, BuiltInReadersRejectMalformedAndOutOfRange) {
   char const* const badU8[] = {"256", "", "-1", "x", "99999999999999999999999"};
   for (auto text : badU8) EXPECT_THROW(Brio::strepToValue<U8>(text), Brio::RangeException) << text;
