@@ -90,12 +90,9 @@ TEST_F(Toggles, ReadValuesOrTheDefaultWithOneStderrLineWhenTheFileIsMalformed) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(Flagset::getToggleState(r.key, "Test.json", r.fallback), r.expected);
     std::string const err = testing::internal::GetCapturedStderr();
-    if (*r.reason) {
-      EXPECT_NE(err.find(r.reason), std::string::npos) << err;
-      EXPECT_EQ(err.find('\n'), err.size() - 1) << err;
-    } else {
-      EXPECT_EQ(err, "");
-    }
+    EXPECT_EQ(err.empty(), !*r.reason) << err;
+    EXPECT_NE(err.find(r.reason), std::string::npos) << err;
+    EXPECT_EQ(err.find('\n'), *r.reason ? err.size() - 1 : std::string::npos) << err;  // one line, or none
   }
 }
 
