@@ -1,15 +1,13 @@
 // The README's responder example, run as an agent would be: a separate
 // process on one end of a veth pair, answering frames sent into the other.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
+#include <algorithm>
 #include <string>
 
 #include "support/NetnsScope.h"
 #include "support/PacketPeer.h"
+#include "tools/ToolProcess.h"
 
 namespace {
 
@@ -17,15 +15,8 @@ TEST(ResponderExample, AnswersAFrameWithTheAddressesSwapped) {
   CorvidTest::NetnsScope ns;
   CORVID_REQUIRE_NETNS(ns);
   ASSERT_TRUE(ns.vethPair("cv0", "cv1"));
-  char const* binaryDir = std::getenv("CORVID_TEST_BINARY_DIR");
-  if (!binaryDir) binaryDir = CORVID_BINARY_DIR;
-  std::string responder = std::string(binaryDir) + "/examples/responder";
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    execl(responder.c_str(), "responder", "cv0", "1", static_cast<char*>(nullptr));
-    _exit(127);
-  }
+  CorvidTest::ToolProcess responder({"cv0", "1"}, CorvidTest::buildDir() + "/examples/responder");
+  ASSERT_TRUE(responder.started());
   CorvidTest::PacketPeer peer("cv1");
   std::string frame = CorvidTest::ipv4Frame("ping-responder");
   frame.replace(0, 6, "\x02\x00\x00\x00\x00\x02", 6);  // unicast, so the reply is recognisable
@@ -39,14 +30,9 @@ TEST(ResponderExample, AnswersAFrameWithTheAddressesSwapped) {
     reply = got;
   }
   EXPECT_EQ(reply, expected);
-  int status = 0;
-  for (int i = 0; i < 50 && waitpid(child, &status, WNOHANG) == 0; ++i) usleep(100000);
-  if (waitpid(child, &status, WNOHANG) == 0) {
-    kill(child, SIGKILL);
-    waitpid(child, &status, 0);
-    FAIL() << "responder did not stop after answering";
-  }
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  auto const r = responder.finish(5);
+  EXPECT_FALSE(r.timedOut) << "responder did not stop after answering";
+  EXPECT_EQ(r.status, 0) << r.err;
 }
 
 }  // namespace

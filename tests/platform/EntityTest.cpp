@@ -53,9 +53,13 @@ class Recorder : public Port::Notifiee {
 
 using Log = std::vector<std::string>;
 
-TEST(Entity, NotifiesInAttachOrderOnlyWhenValueChanges) {
-  auto port = Port::portFactory();
+class Entity : public ::testing::Test {
+ protected:
+  Brio::Ptr<Port> port = Port::portFactory();
   Log log;
+};
+
+TEST_F(Entity, NotifiesInAttachOrderOnlyWhenValueChanges) {
   Recorder a(port, "a", &log), b(port, "b", &log);
   port->speedIs(10);
   port->speedIs(10);
@@ -64,9 +68,7 @@ TEST(Entity, NotifiesInAttachOrderOnlyWhenValueChanges) {
   EXPECT_EQ(port->hookCalls, 2);
 }
 
-TEST(Entity, HandlerRemovingItselfAndAnotherLosesNoOtherNotification) {
-  auto port = Port::portFactory();
-  Log log;
+TEST_F(Entity, HandlerRemovingItselfAndAnotherLosesNoOtherNotification) {
   auto a = std::make_unique<Recorder>(port, "a", &log);
   auto b = std::make_unique<Recorder>(port, "b", &log);
   auto c = std::make_unique<Recorder>(port, "c", &log);
@@ -83,9 +85,7 @@ TEST(Entity, HandlerRemovingItselfAndAnotherLosesNoOtherNotification) {
   EXPECT_EQ(log, (Log{"a:speed=2", "d:speed=2"}));
 }
 
-TEST(Entity, NotifieeAddedDuringNotificationHearsOnlyTheNextOne) {
-  auto port = Port::portFactory();
-  Log log;
+TEST_F(Entity, NotifieeAddedDuringNotificationHearsOnlyTheNextOne) {
   std::unique_ptr<Recorder> late;
   Recorder a(port, "a", &log);
   a.action = [&] {
@@ -96,9 +96,7 @@ TEST(Entity, NotifieeAddedDuringNotificationHearsOnlyTheNextOne) {
   EXPECT_EQ(log, (Log{"a:speed=1", "a:speed=2", "late:speed=2"}));
 }
 
-TEST(Entity, ReentrantSetFromHandlerNotifiesEveryoneOfEachValue) {
-  auto port = Port::portFactory();
-  Log log;
+TEST_F(Entity, ReentrantSetFromHandlerNotifiesEveryoneOfEachValue) {
   Recorder a(port, "a", &log), b(port, "b", &log);
   a.action = [&] {
     if (port->speed() == 1) port->speedIs(2);
@@ -107,9 +105,7 @@ TEST(Entity, ReentrantSetFromHandlerNotifiesEveryoneOfEachValue) {
   EXPECT_EQ(log, (Log{"a:speed=1", "a:speed=2", "b:speed=2", "b:speed=2"}));
 }
 
-TEST(Entity, HandlerDroppingLastOutsideReferenceDoesNotKillEntityMidNotification) {
-  auto port = Port::portFactory();
-  Log log;
+TEST_F(Entity, HandlerDroppingLastOutsideReferenceDoesNotKillEntityMidNotification) {
   auto a = std::make_unique<Recorder>(port, "a", &log);
   auto b = std::make_unique<Recorder>(port, "b", &log);
   Port* raw = port.ptr();
@@ -119,9 +115,7 @@ TEST(Entity, HandlerDroppingLastOutsideReferenceDoesNotKillEntityMidNotification
   EXPECT_EQ(log, (Log{"a:speed=3", "b:speed=3"}));
 }
 
-TEST(Entity, CollectionNotifiesPerKeyOnAddChangeAndDelete) {
-  auto port = Port::portFactory();
-  Log log;
+TEST_F(Entity, CollectionNotifiesPerKeyOnAddChangeAndDelete) {
   Recorder a(port, "a", &log);
   port->labelIs(1, "x");
   port->labelIs(1, "x");

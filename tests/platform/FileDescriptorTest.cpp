@@ -38,34 +38,35 @@ struct Pipe {
 
 using CorvidTest::openDescriptors;
 
-TEST(FileDescriptor, LevelTriggeredRepeatsEveryTurnUntilDrained) {
-  ActivityManager am;
-  Pipe p;
-  auto fd = FileDescriptor::fileDescriptorFactory("pipe", p.fds[0]);
-  Counter c(fd);
-  fd->notifyOnReadableIs(true);
-  p.put("x");
-  for (int i = 0; i < 3; ++i) am.runOnce(1);
-  EXPECT_EQ(c.readable, 3);
-  char buf[8];
-  ASSERT_EQ(read(p.fds[0], buf, sizeof buf), 1);
-  am.runOnce(0.02);
-  EXPECT_EQ(c.readable, 3);
-}
-
-TEST(FileDescriptor, EdgeTriggeredFiresOncePerArrival) {
-  ActivityManager am;
-  Pipe p;
-  auto fd = FileDescriptor::fileDescriptorFactory("pipe", p.fds[0]);
-  Counter c(fd);
-  fd->edgeTriggeredIs(true);
-  fd->notifyOnReadableIs(true);
-  p.put("x");
-  for (int i = 0; i < 3; ++i) am.runOnce(0.02);
-  EXPECT_EQ(c.readable, 1);
-  p.put("y");  // new data is a new edge, even though nothing was read
-  for (int i = 0; i < 3; ++i) am.runOnce(0.02);
-  EXPECT_EQ(c.readable, 2);
+// A writer's hang-up counts as readable, so the owner reads and sees the end.
+TEST(FileDescriptor, LevelTriggeredRepeatsUntilDrainedAndEdgeTriggeredFiresOncePerArrivalOrHangUp) {
+  struct {
+    bool edge;
+    int afterArrival, afterSecondArrival, afterDrain, afterHangUp;  // handleReadable calls so far
+  } const cases[] = {{false, 3, 6, 6, 8}, {true, 1, 2, 2, 3}};
+  for (auto const& k : cases) {
+    SCOPED_TRACE(k.edge ? "edge-triggered" : "level-triggered");
+    ActivityManager am;
+    Pipe p;
+    auto fd = FileDescriptor::fileDescriptorFactory("pipe", p.fds[0]);
+    Counter c(fd);
+    fd->edgeTriggeredIs(k.edge);
+    fd->notifyOnReadableIs(true);
+    auto turns = [&](int n) {
+      for (int i = 0; i < n; ++i) am.runOnce(0.02);
+      return c.readable;
+    };
+    p.put("x");
+    EXPECT_EQ(turns(3), k.afterArrival);
+    p.put("y");  // new data is a new edge, even though nothing was read
+    EXPECT_EQ(turns(3), k.afterSecondArrival);
+    char buf[8];
+    ASSERT_EQ(read(p.fds[0], buf, sizeof buf), 2);
+    EXPECT_EQ(turns(1), k.afterDrain);
+    close(p.fds[1]);
+    p.fds[1] = -1;
+    EXPECT_EQ(turns(2), k.afterHangUp);
+  }
 }
 
 TEST(FileDescriptor, WritableAndReadableAreSwitchedIndependently) {
@@ -83,44 +84,35 @@ TEST(FileDescriptor, WritableAndReadableAreSwitchedIndependently) {
   EXPECT_EQ(am.descriptors(), 0u);
 }
 
-TEST(FileDescriptor, PeerHangUpCountsAsReadable) {
-  ActivityManager am;
-  Pipe p;
-  auto fd = FileDescriptor::fileDescriptorFactory("pipe", p.fds[0]);
-  Counter c(fd);
-  fd->notifyOnReadableIs(true);
-  close(p.fds[1]);
-  p.fds[1] = -1;
-  am.runOnce(1);
-  EXPECT_GE(c.readable, 1);
-}
-
 TEST(FileDescriptor, HandlerDestroyingAnotherReadyDescriptorSuppressesItsEvent) {
   ActivityManager am;
   Pipe p1, p2;
   auto a = FileDescriptor::fileDescriptorFactory("a", p1.fds[0]);
   auto b = FileDescriptor::fileDescriptorFactory("b", p2.fds[0]);
-  Counter ca(a);
+  auto ca = std::make_unique<Counter>(a);
   auto cb = std::make_unique<Counter>(b);
-  a->notifyOnReadableIs(true);
-  b->notifyOnReadableIs(true);
+  int heard = 0;
+  // Both are ready in the same turn; whichever is heard first destroys the
+  // other, entity and reactor, so the other's event must not be delivered.
+  ca->onReadable = [&] {
+    ++heard;
+    cb.reset();
+    b = nullptr;
+  };
+  cb->onReadable = [&] {
+    ++heard;
+    ca.reset();
+    a = nullptr;
+  };
+  for (auto const& fd : {a, b}) fd->notifyOnReadableIs(true);
   p1.put("x");
   p2.put("x");
-  int killed = 0;
-  auto kill = [&] {
-    if (cb) {
-      cb.reset();
-      b = nullptr;
-      ++killed;
-    }
-  };
-  ca.onReadable = kill;
   am.runOnce(1);
-  EXPECT_EQ(killed, 1);
+  EXPECT_EQ(heard, 1);
   EXPECT_EQ(am.descriptors(), 1u);
 }
 
-TEST(FileDescriptor, ClosesItsDescriptorWithTheLastHolderAndNotOnRelease) {
+TEST(FileDescriptor, ClosesItsDescriptorWithTheLastHolderButNotOnceReleased) {
   ActivityManager am;  // its epoll descriptor is counted in `before`
   int before = openDescriptors();
   int fds[2];
@@ -129,10 +121,10 @@ TEST(FileDescriptor, ClosesItsDescriptorWithTheLastHolderAndNotOnRelease) {
     auto r = FileDescriptor::fileDescriptorFactory("r", fds[0]);
     auto w = FileDescriptor::fileDescriptorFactory("w", fds[1]);
     r->notifyOnReadableIs(true);
-    int kept = w->descriptorRelease();
-    EXPECT_EQ(w->descriptor(), -1);
-    close(kept);
+    EXPECT_EQ(w->descriptorRelease(), fds[1]);
   }
+  EXPECT_NE(fcntl(fds[1], F_GETFD), -1);  // released, so still open
+  close(fds[1]);
   EXPECT_EQ(openDescriptors(), before);
 }
 

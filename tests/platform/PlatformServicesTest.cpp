@@ -26,36 +26,23 @@ TEST(Fennel, TrueAssertionEvaluatesItsExpressionOnce) {
   EXPECT_EQ(calls, 1);
 }
 
-TEST(Glimmer, DisabledLevelsDoNotEvaluateTheStream) {
-  auto& f = Glimmer::facility("GlimmerTestQuiet");
-  f.levelsIs(0);
+TEST(Glimmer, EnabledLinesCarryFacilityAndLevelAndDisabledOnesDoNotEvaluateTheStream) {
+  Glimmer::enable("GlimmerTestLoud", 4);
+  auto& f = Glimmer::facility("GlimmerTestLoud");
   int evaluated = 0;
   auto touch = [&] { return ++evaluated; };
   Glimmer::Capture capture;
-  GLIMMER_TRACE(f, 3, "value " << touch());
-  EXPECT_EQ(evaluated, 0);
-  EXPECT_EQ(capture.text(), "");
-}
-
-TEST(Glimmer, EnabledLinesAreCapturedWithFacilityAndLevel) {
-  Glimmer::enable("GlimmerTestLoud", 4);
-  auto& f = Glimmer::facility("GlimmerTestLoud");
-  Glimmer::Capture capture;
   GLIMMER_TRACE(f, 4, "connect: sd=" << 7);
-  GLIMMER_TRACE(f, 5, "too verbose");
+  GLIMMER_TRACE(f, 5, "too verbose " << touch());
   EXPECT_EQ(capture.text(), "GlimmerTestLoud[4] connect: sd=7\n");
+  EXPECT_EQ(evaluated, 0);
 }
 
 TEST(Glimmer, SettingSyntaxSetsRangesAndRejectsMalformedText) {
   EXPECT_TRUE(Glimmer::enable("GlimmerTestSpec=2-3"));
   auto& f = Glimmer::facility("GlimmerTestSpec");
-  EXPECT_FALSE(f.enabled(1));
-  EXPECT_TRUE(f.enabled(2));
-  EXPECT_TRUE(f.enabled(3));
-  EXPECT_FALSE(f.enabled(4));
-  EXPECT_FALSE(Glimmer::enable("GlimmerTestSpec=9-2"));
-  EXPECT_FALSE(Glimmer::enable("=3"));
-  EXPECT_FALSE(Glimmer::enable("GlimmerTestSpec"));
+  for (int level : {1, 2, 3, 4}) EXPECT_EQ(f.enabled(level), level == 2 || level == 3) << level;
+  for (char const* bad : {"GlimmerTestSpec=9-2", "=3", "GlimmerTestSpec"}) EXPECT_FALSE(Glimmer::enable(bad)) << bad;
   EXPECT_TRUE(f.enabled(2));  // a rejected setting changes nothing
   EXPECT_TRUE(Glimmer::enable("GlimmerTestLater=0"));
   EXPECT_TRUE(Glimmer::facility("GlimmerTestLater").enabled(0));  // made after the rule
@@ -78,39 +65,34 @@ class Toggles : public ::testing::Test {
   std::filesystem::path dir_;
 };
 
-TEST_F(Toggles, ReadsBooleansAndIntegers) {
-  write(R"({"On": true, "Off": false, "Level": 3})");
-  EXPECT_EQ(Flagset::getToggleState("On", "Test.json", 0), 1u);
-  EXPECT_EQ(Flagset::getToggleState("Off", "Test.json", 1), 0u);
-  EXPECT_EQ(Flagset::getToggleState("Level", "Test.json", 0), 3u);
-}
-
-TEST_F(Toggles, MissingFileOrKeyGivesDefaultSilently) {
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(Flagset::getToggleState("On", "Absent.json", 1), 1u);
-  write(R"({"Other": true})");
-  EXPECT_EQ(Flagset::getToggleState("On", "Test.json", 0), 0u);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-}
-
-TEST_F(Toggles, MalformedFileOrValueGivesDefaultAndOneLineOnStderr) {
+TEST_F(Toggles, ReadValuesOrTheDefaultWithOneStderrLineWhenTheFileIsMalformed) {
   struct Row {
-    char const* text;
-    char const* reason;
+    char const* text;  // of Test.json; nullptr: no file
+    char const* key;
+    U32 fallback, expected;
+    char const* reason;  // on the one stderr line; "" for silence
   };
   Row const rows[] = {
-      {"{\"On\": tru", "malformed JSON"},
-      {"[true]", "not a JSON object"},
-      {"{\"On\": \"yes\"}", "neither a boolean"},
-      {"{\"On\": -1}", "neither a boolean"},
+      {R"({"On": true, "Off": false, "Level": 3})", "On", 0, 1, ""},
+      {R"({"On": true, "Off": false, "Level": 3})", "Off", 1, 0, ""},
+      {R"({"On": true, "Off": false, "Level": 3})", "Level", 0, 3, ""},
+      {nullptr, "On", 1, 1, ""},
+      {R"({"Other": true})", "On", 0, 0, ""},
+      {"{\"On\": tru", "On", 1, 1, "malformed JSON"},
+      {"[true]", "On", 1, 1, "not a JSON object"},
+      {"{\"On\": \"yes\"}", "On", 1, 1, "neither a boolean"},
+      {"{\"On\": -1}", "On", 1, 1, "neither a boolean"},
   };
   for (auto const& r : rows) {
-    write(r.text);
+    SCOPED_TRACE(std::string(r.text ? r.text : "(no file)") + " " + r.key);
+    std::filesystem::remove(dir_ / "Test.json");
+    if (r.text) write(r.text);
     testing::internal::CaptureStderr();
-    EXPECT_EQ(Flagset::getToggleState("On", "Test.json", 1), 1u) << r.text;
-    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(Flagset::getToggleState(r.key, "Test.json", r.fallback), r.expected);
+    std::string const err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(err.empty(), !*r.reason) << err;
     EXPECT_NE(err.find(r.reason), std::string::npos) << err;
-    EXPECT_EQ(err.find('\n'), err.size() - 1) << err;
+    EXPECT_EQ(err.find('\n'), *r.reason ? err.size() - 1 : std::string::npos) << err;  // one line, or none
   }
 }
 

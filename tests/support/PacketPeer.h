@@ -61,15 +61,11 @@ struct UdpPeer {
 // An IPv4-in-Ethernet frame with a recognisable payload; checksums do not
 // matter to packet sockets.
 inline std::string ipv4Frame(std::string const& marker) {
-  std::string f;
-  f += std::string("\xff\xff\xff\xff\xff\xff", 6);  // broadcast: accepted by any veth end
-  f += std::string("\x02\x00\x00\x00\x00\x01", 6);
-  f += std::string("\x08\x00", 2);
   std::string ip("\x45\x00\x00\x00\x00\x00\x00\x00\x40\xfd\x00\x00\xc6\x33\x64\x01\xc6\x33\x64\x02", 20);
-  U16 total = static_cast<U16>(20 + marker.size());
-  ip[2] = static_cast<char>(total >> 8);
-  ip[3] = static_cast<char>(total & 0xff);
-  return f + ip + marker;
+  ip[2] = static_cast<char>((20 + marker.size()) >> 8);
+  ip[3] = static_cast<char>((20 + marker.size()) & 0xff);
+  // Broadcast, so any veth end accepts it.
+  return std::string("\xff\xff\xff\xff\xff\xff\x02\x00\x00\x00\x00\x01\x08\x00", 14) + ip + marker;
 }
 
 // An independent packet socket on an interface: sends and receives frames

@@ -1,10 +1,8 @@
 // The corvid tool seen from outside: each test runs the built binary, as an
 // operator or a script would, and checks stdout, stderr and the exit status
 // (0 success, 1 a value or frame that does not hold up, 2 a bad command line).
-#include <arpa/inet.h>
 #include <signal.h>
 #include <gtest/gtest.h>
-#include <net/if.h>
 #include <netinet/in.h>
 #include <nlohmann/json.hpp>
 #include <sys/socket.h>
@@ -14,7 +12,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
@@ -48,7 +45,6 @@ class CorvidTool : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string const binary = CorvidTest::corvidBinary();
-    ASSERT_FALSE(binary.empty()) << "set CORVID_TEST_BINARY_DIR to the build directory";
     ASSERT_EQ(access(binary.c_str(), X_OK), 0) << binary << " is not built";
   }
 };
@@ -63,59 +59,44 @@ std::vector<std::string> const synopses = {
     "send (--intf NAME | --to IPV4 [--protocol P] [--device D]) HEX...",
 };
 
-TEST_F(CorvidTool, Help_ListsEverySubcommandWithItsSynopsis) {
-  for (std::string flag : {"--help", "-h", "help"}) {
-    RUN(r, {flag});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err, "");
-    EXPECT_TRUE(startsWith(r.out, "usage: corvid "));
-    for (auto const& s : synopses) EXPECT_TRUE(has(r.out, "\n  " + s + "\n")) << s;
-  }
-}
-
-TEST_F(CorvidTool, SubcommandHelp_PrintsThatCommandsUsageAndWhatItAccepts) {
+TEST_F(CorvidTool, HelpAndVersion_PrintTheUsageWhatEachCommandAcceptsAndTheProjectVersion) {
+  std::string const cache = CorvidTest::buildDir() + "/CMakeCache.txt";
+  std::string const version = CorvidTest::shOutput("sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' " + cache);  // and \n
+  ASSERT_EQ(std::count(version.begin(), version.end(), '.'), 2) << "'" << version << "'";
+  std::vector<std::string> everySynopsis;
+  for (auto const& s : synopses) everySynopsis.push_back("\n  " + s + "\n");
   struct {
-    char const* command;
-    std::vector<std::string> accepts;  // each must appear after the usage
+    std::vector<std::string> args;
+    std::string start;                 // of stdout
+    std::vector<std::string> accepts;  // each must appear after it
   } const cases[] = {
-      {"demo", {}},
-      {"value", {"  --json  ", "TYPE words:\n  ipv4 ", "\n  ip-full-mask ", "\n  intf "}},
-      {"packet", {"  --json  ", "  HEX  "}},
-      {"capture", {"  --intf NAME ", "  --count N ", "  --seconds S ", "  --json "}},
-      {"send", {"  --intf NAME ", "  --to IPV4 ", "  --protocol P ", "  --device D "}},
+      {{"--help"}, "usage: corvid ", everySynopsis},
+      {{"-h"}, "usage: corvid ", everySynopsis},
+      {{"help"}, "usage: corvid ", everySynopsis},
+      {{"demo", "--help"}, "usage: corvid " + synopses[0] + "\n", {}},
+      {{"value", "--help"}, "usage: corvid " + synopses[1] + "\n", {"  --json  ", "TYPE words:\n  ipv4 "}},
+      {{"packet", "--help"}, "usage: corvid " + synopses[2] + "\n", {"  --json  ", "  HEX  "}},
+      {{"capture", "--help"}, "usage: corvid " + synopses[3] + "\n",
+       {"  --intf NAME ", "  --count N ", "  --seconds S ", "  --json "}},
+      {{"send", "--help"}, "usage: corvid " + synopses[4] + "\n",
+       {"  --intf NAME ", "  --to IPV4 ", "  --protocol P ", "  --device D "}},
+      {{"--version"}, "corvid " + version, {}},
   };
   for (auto const& c : cases) {
-    std::string const synopsis = *std::find_if(synopses.begin(), synopses.end(), [&](std::string const& s) {
-      return s.substr(0, s.find(' ')) == c.command;
-    });
-    RUN(r, {c.command, "--help"});
+    RUN(r, c.args);
     EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(startsWith(r.out, "usage: corvid " + synopsis + "\n"));
     EXPECT_EQ(r.err, "");
-    for (auto const& a : c.accepts) EXPECT_TRUE(has(r.out, a)) << c.command << ": " << a;
+    EXPECT_TRUE(startsWith(r.out, c.start));
+    for (auto const& a : c.accepts) EXPECT_TRUE(has(r.out, a)) << a;
   }
 }
 
-TEST_F(CorvidTool, Version_PrintsTheProjectVersion) {
-  std::ifstream cache(CorvidTest::buildDir() + "/CMakeCache.txt");
-  std::string line, version;
-  while (std::getline(cache, line)) {
-    if (startsWith(line, "CMAKE_PROJECT_VERSION:STATIC=")) version = line.substr(line.find('=') + 1);
-  }
-  ASSERT_EQ(std::count(version.begin(), version.end(), '.'), 2) << "'" << version << "'";
-  RUN(r, {"--version"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "corvid " + version + "\n");
-  EXPECT_EQ(r.err, "");
-}
-
-struct UsageCase {
-  std::vector<std::string> args;
-  char const* message;  // must appear on stderr
-};
-
-TEST_F(CorvidTool, BadCommandLines_ExitTwoWithTheReasonAndUsageOnStderr) {
-  UsageCase const cases[] = {
+TEST_F(CorvidTool, BadCommandLines_ExitTwoWithTheReasonAndUsage_BadHexOrDevicesOneWithTheReasonAlone) {
+  struct {
+    std::vector<std::string> args;
+    char const* message;  // must appear on stderr
+    int status = 2;
+  } const cases[] = {
       {{}, "missing command"},
       {{"frobnicate"}, "unknown command 'frobnicate'"},
       {{"--frob"}, "unknown option '--frob'"},
@@ -133,13 +114,20 @@ TEST_F(CorvidTool, BadCommandLines_ExitTwoWithTheReasonAndUsageOnStderr) {
       {{"send", "--intf", "cv0"}, "missing HEX bytes to send"},
       {{"send", "--to", "192.0.2.999", "00"}, "--to: Invalid IpAddr"},
       {{"send", "--to", "127.0.0.1", "--protocol", "256", "00"}, "--protocol takes 0 to 255"},
+      {{"capture", "--intf", "nosuch0", "--count", "1", "--seconds", "1"},
+       "corvid capture: nosuch0: ioctl(SIOCGIFINDEX): No such device\n", 1},
+      {{"send", "--intf", "nosuch0", "00"}, "corvid send: ioctl(SIOCGIFINDEX): No such device\n", 1},
+      {{"packet", "zz"}, "corvid packet: not a hex digit: 'z'\n", 1},
+      {{"packet", "0x00", "00g0"}, "corvid packet: not a hex digit: 'g'\n", 1},
+      {{"packet", "000"}, "corvid packet: odd number of hex digits\n", 1},
+      {{"packet", "12 3"}, "corvid packet: odd number of hex digits\n", 1},
   };
   for (auto const& c : cases) {
     RUN(r, c.args);
-    EXPECT_EQ(r.status, 2) << c.message;
+    EXPECT_EQ(r.status, c.status) << c.message;
     EXPECT_EQ(r.out, "") << c.message;
     EXPECT_TRUE(has(r.err, c.message)) << c.message;
-    EXPECT_TRUE(has(r.err, "usage: corvid ")) << c.message;
+    EXPECT_EQ(has(r.err, "usage: corvid "), c.status == 2) << c.message;
   }
 }
 
@@ -301,28 +289,22 @@ U16 checksum(std::string const& bytes) {
 std::string be16(U16 v) { return {static_cast<char>(v >> 8), static_cast<char>(v & 0xff)}; }
 
 // A broadcast Ethernet frame carrying UDP 192.0.2.1:src -> 192.0.2.2:dst over
-// IPv4, both checksums valid.
-struct UdpFrame {
-  U16 srcPort = 1234, dstPort = 5678, identification = 1;
-  std::string payload = "corvid test payload!";
+// IPv4 with a 20-byte payload, both checksums valid.
+std::string udpFrame(U16 srcPort = 1234, U16 dstPort = 5678, U16 identification = 1) {
+  std::string const addrs("\xc0\x00\x02\x01\xc0\x00\x02\x02", 8);
+  std::string ip = std::string("\x45\x00\x00\x30", 4) + be16(identification) +
+                   std::string("\x40\x00\x40\x11\x00\x00", 6) + addrs;
+  ip.replace(10, 2, be16(checksum(ip)));
+  std::string udp = be16(srcPort) + be16(dstPort) + std::string("\x00\x1c\x00\x00", 4) + "corvid test payload!";
+  U16 const sum = checksum(addrs + std::string("\x00\x11\x00\x1c", 4) + udp);
+  udp.replace(6, 2, be16(sum ? sum : 0xffff));
+  return std::string("\xff\xff\xff\xff\xff\xff\x02\x00\x00\x00\x00\x01\x08\x00", 14) + ip + udp;
+}
 
-  std::string const addrs = std::string("\xc0\x00\x02\x01\xc0\x00\x02\x02", 8);
-  U16 udpLength() const { return static_cast<U16>(8 + payload.size()); }
-  std::string ipHeader(U16 sum) const {
-    return std::string("\x45\x00", 2) + be16(static_cast<U16>(20 + udpLength())) + be16(identification) +
-           std::string("\x40\x00\x40\x11", 4) + be16(sum) + addrs;
-  }
-  std::string udp(U16 sum) const { return be16(srcPort) + be16(dstPort) + be16(udpLength()) + be16(sum) + payload; }
-  U16 ipChecksum() const { return checksum(ipHeader(0)); }
-  U16 udpChecksum() const {
-    U16 const c = checksum(addrs + std::string("\x00\x11", 2) + be16(udpLength()) + udp(0));
-    return c ? c : 0xffff;
-  }
-  std::string bytes() const {
-    return std::string("\xff\xff\xff\xff\xff\xff\x02\x00\x00\x00\x00\x01\x08\x00", 14) + ipHeader(ipChecksum()) +
-           udp(udpChecksum());
-  }
-};
+// The frame's IPv4 and UDP header checksums.
+U16 wordAt(std::string const& f, std::size_t at) { return static_cast<U16>(U8(f[at]) << 8 | U8(f[at + 1])); }
+U16 ipChecksum(std::string const& frame) { return wordAt(frame, 24); }
+U16 udpChecksum(std::string const& frame) { return wordAt(frame, 40); }
 
 std::string toHex(std::string const& bytes) {
   std::string s;
@@ -336,40 +318,44 @@ struct PacketCase {
   int status;
   std::vector<std::string> expected;  // each must appear on stdout
   Members json = {};                  // each must hold in the --json object
+  std::vector<std::string> spelled = {};  // the HEX words, when not the frame's plain hex
 };
 
-TEST_F(CorvidTool, Packet_DecodesHeadersAndGivesChecksumAndSanityVerdictsAsTextAndJson) {
-  UdpFrame const f;
-  std::string const good = f.bytes();
+TEST_F(CorvidTool, Packet_DecodesEveryHexSpellingAndGivesChecksumAndSanityVerdictsAsTextAndJson) {
+  std::string const good = udpFrame();
   std::string badIp = good, badUdp = good, noUdpChecksum = good;
   badIp[14 + 10] ^= 0x5a;
   badUdp[34 + 6] ^= 0x01;
   noUdpChecksum[34 + 6] = noUdpChecksum[34 + 7] = 0;
-  std::string const ipLine = " src=192.0.2.1 dst=192.0.2.2 checksum=" + hexNum(f.ipChecksum(), 4);
+  std::string const ipSum = hexNum(ipChecksum(good), 4), udpSum = hexNum(udpChecksum(good), 4);
+  std::string const ipLine = " src=192.0.2.1 dst=192.0.2.2 checksum=" + ipSum;
+  std::vector<std::string> const valid = {
+      "frame: 62 bytes\n",
+      "ethernet @0: dst=ff:ff:ff:ff:ff:ff src=02:00:00:00:00:01 ethType=0x0800\n",
+      "ipv4 @14: version=4 headerLength=5 tos=0 totalLength=48 identification=1 df=1 mf=0 fragmentOffset=0 "
+      "ttl=64 protocol=17",
+      ipLine + " (valid)\n",
+      "udp @34: srcPort=1234 dstPort=5678 length=28 checksum=" + udpSum + " (valid)\n",
+      "payload @42: 20 bytes (udp data)\n",
+      "checkEthIpHdr: 0 (noError)\n"};
+  std::string const hex = toHex(good);
+  std::string colons;
+  for (std::size_t i = 0; i < hex.size(); i += 2) colons.append(i ? ":" : "").append(hex, i, 2);
 
   PacketCase const cases[] = {
-      {"a valid UDP/IPv4 frame", good, 0,
-       {"frame: 62 bytes\n",
-        "ethernet @0: dst=ff:ff:ff:ff:ff:ff src=02:00:00:00:00:01 ethType=0x0800\n",
-        "ipv4 @14: version=4 headerLength=5 tos=0 totalLength=48 identification=1 df=1 mf=0 fragmentOffset=0 "
-        "ttl=64 protocol=17",
-        ipLine + " (valid)\n",
-        "udp @34: srcPort=1234 dstPort=5678 length=28 checksum=" + hexNum(f.udpChecksum(), 4) + " (valid)\n",
-        "payload @42: 20 bytes (udp data)\n",
-        "checkEthIpHdr: 0 (noError)\n"},
+      {"a valid UDP/IPv4 frame", good, 0, valid,
        {{"/bytes", 62}, {"/valid", true}, {"/headers/0/header", "ethernet"}, {"/headers/0/ethType", "0x0800"},
         {"/headers/1/offset", 14}, {"/headers/1/ttl", 64}, {"/headers/1/df", true}, {"/headers/1/src", "192.0.2.1"},
         {"/headers/1/checksumValid", true}, {"/headers/2/header", "udp"}, {"/headers/2/dstPort", 5678},
         {"/headers/3/note", "payload @42: 20 bytes udp data"}, {"/checks/checkEthIpHdr", "noError"}}},
       {"a corrupted IPv4 header checksum", badIp, 1,
-       {"checksum=" + hexNum(f.ipChecksum() ^ 0x5a00, 4) + " (invalid, computed " + hexNum(f.ipChecksum(), 4) + ")\n",
+       {"checksum=" + hexNum(ipChecksum(badIp), 4) + " (invalid, computed " + ipSum + ")\n",
         "checkEthIpHdr: -50 (badIpHdrChecksum)\n"}},
       {"a corrupted UDP checksum", badUdp, 1,
-       {"checksum=" + hexNum(f.udpChecksum() ^ 0x0100, 4) + " (invalid, computed " + hexNum(f.udpChecksum(), 4) +
-            ")\n",
+       {"checksum=" + hexNum(udpChecksum(badUdp), 4) + " (invalid, computed " + udpSum + ")\n",
         "checkEthIpHdr: 0 (noError)\n"},
        {{"/valid", false}, {"/headers/2/checksumValid", false},
-        {"/headers/2/checksumComputed", hexNum(f.udpChecksum(), 4)}}},
+        {"/headers/2/checksumComputed", udpSum}}},
       {"a UDP checksum of zero (none computed)", noUdpChecksum, 0, {"length=28 checksum=none\n"}},
       {"a frame cut inside the IPv4 header", good.substr(0, 30), 1,
        {"truncated: ipv4 needs 20 bytes at @14, 16 left\n", "checkEthIpHdr: -1 (pktTooShort)\n"},
@@ -378,9 +364,16 @@ TEST_F(CorvidTool, Packet_DecodesHeadersAndGivesChecksumAndSanityVerdictsAsTextA
        {ipLine + " (valid)\n", "note: total length runs past the frame\n",
         "truncated: udp needs 8 bytes at @34, 6 left\n", "checkEthIpHdr: -51 (badIpPayloadLen)\n"}},
       {"an empty frame", "", 1, {"frame: 0 bytes\n", "truncated: ethernet needs 14 bytes at @0, 0 left\n"}},
+      {"0x-prefixed hex", good, 0, valid, {}, {"0x" + hex}},
+      {"colon-separated hex", good, 0, valid, {}, {colons}},
+      {"hex in three words", good, 0, valid, {}, {hex.substr(0, 28), "0X" + hex.substr(28, 40), hex.substr(68)}},
+      {"dotted and dashed hex", good, 0, valid, {}, {"ffff.ffff.ffff-0200.0000.0001-" + hex.substr(24)}},
   };
   for (auto const& c : cases) {
-    RUN(r, {"packet", toHex(c.frame)});
+    std::vector<std::string> args = {"packet"};
+    if (c.spelled.empty()) args.push_back(toHex(c.frame));
+    args.insert(args.end(), c.spelled.begin(), c.spelled.end());
+    RUN(r, args);
     EXPECT_EQ(r.status, c.status) << c.what;
     EXPECT_EQ(r.err, "") << c.what;
     for (auto const& e : c.expected) EXPECT_TRUE(has(r.out, e)) << c.what << ": " << e;
@@ -393,36 +386,6 @@ TEST_F(CorvidTool, Packet_DecodesHeadersAndGivesChecksumAndSanityVerdictsAsTextA
   }
 }
 
-TEST_F(CorvidTool, PacketHex_SpellingsDecodeAlikeAndBadHexExitsOneWithoutDecoding) {
-  std::string const hex = toHex(UdpFrame().bytes());
-  ToolResult const plain = runCorvid({"packet", hex});
-  ASSERT_EQ(plain.status, 0) << shown(plain);
-  std::string colons;
-  for (std::size_t i = 0; i < hex.size(); i += 2) colons.append(i ? ":" : "").append(hex, i, 2);
-  struct {
-    std::vector<std::string> words;
-    bool good;
-  } const cases[] = {
-      {{"0x" + hex}, true},
-      {{colons}, true},
-      {{hex.substr(0, 28), "0X" + hex.substr(28, 40), hex.substr(68)}, true},
-      {{"ffff.ffff.ffff-0200.0000.0001-" + hex.substr(24)}, true},
-      {{"zz"}, false},
-      {{hex + "g0"}, false},
-      {{hex + "0"}, false},
-      {{"12 3"}, false},
-      {{"0x0g"}, false},
-  };
-  for (auto const& c : cases) {
-    std::vector<std::string> args = {"packet"};
-    args.insert(args.end(), c.words.begin(), c.words.end());
-    RUN(r, args);
-    EXPECT_EQ(r.status, c.good ? 0 : 1) << c.words[0];
-    EXPECT_EQ(r.out, c.good ? plain.out : "") << c.words[0];
-    EXPECT_EQ(startsWith(r.err, "corvid packet: "), !c.good) << c.words[0];
-  }
-}
-
 // ---- capture and send, inside a private network namespace --------------------
 
 // stderr less the line the raw-socket manager writes when it goes away.
@@ -432,21 +395,9 @@ std::string diagnostics(std::string err) {
   return err;
 }
 
-// Whether a packet socket is bound to the interface, as the kernel lists
-// them for this thread's namespace.
-bool packetSocketBoundTo(std::string const& intf) {
-  unsigned const index = if_nametoindex(intf.c_str());
-  std::ifstream table("/proc/thread-self/net/packet");
-  std::string line;
-  std::getline(table, line);  // column names
-  while (std::getline(table, line)) {
-    std::istringstream fields(line);
-    std::string sk, refs, type, proto;
-    unsigned iface = 0;
-    if (fields >> sk >> refs >> type >> proto >> iface && index != 0 && iface == index) return true;
-  }
-  return false;
-}
+// Whether a packet socket is bound to the interface, as ss lists them in
+// this thread's namespace.
+bool packetSocketBoundTo(std::string const& intf) { return has(CorvidTest::shOutput("ss -0n"), ":" + intf + " "); }
 
 class CorvidToolInNamespace : public CorvidTool {
  protected:
@@ -459,84 +410,42 @@ class CorvidToolInNamespace : public CorvidTool {
   CorvidTest::NetnsScope ns_;
 };
 
-TEST_F(CorvidToolInNamespace, SendAndCapture_RoundTripTwoFramesOverAVethPairAsTextAndJson) {
-  UdpFrame first, second;
-  first.srcPort = 1111;
-  first.dstPort = 2222;
-  second.srcPort = 3333;
-  second.dstPort = 4444;
-  second.identification = 2;
-
-  for (bool const json : {false, true}) {
-    SCOPED_TRACE(json ? "--json" : "text");
-    std::vector<std::string> args = {"capture", "--intf", "cv0", "--count", "2", "--seconds", "5"};
-    if (json) args.push_back("--json");
-    ToolProcess capture(args);
-    ASSERT_TRUE(capture.started());
-    // Frames sent before the capture binds its socket would be lost.
-    for (int i = 0; i < 200 && !packetSocketBoundTo("cv0") && !capture.exited(); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ASSERT_TRUE(packetSocketBoundTo("cv0")) << shown(capture.finish(1));
-
-    for (auto const* f : {&first, &second}) {
-      RUN(sent, {"send", "--intf", "cv1", toHex(f->bytes())});
-      EXPECT_EQ(sent.status, 0);
-      EXPECT_EQ(sent.out, "sent 62 bytes\n");
-      EXPECT_EQ(diagnostics(sent.err), "");
-    }
-    ToolResult const r = capture.finish(10);
-    SCOPED_TRACE(shown(r));
-    ASSERT_FALSE(r.timedOut);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(diagnostics(r.err), "");
-    if (json) {
-      auto const events = jsonLines(r.out);
-      ASSERT_EQ(events.size(), 4u);
-      expectMembers(events[0], {{"/event", "start"}, {"/intf", "cv0"}});
-      expectMembers(events[1], {{"/event", "frame"}, {"/frame", 1}, {"/bytes", 62}, {"/headers/2/srcPort", 1111}});
-      expectMembers(events[2], {{"/frame", 2}, {"/headers/1/identification", 2}, {"/headers/2/checksumValid", true}});
-      expectMembers(events[3], {{"/event", "end"}, {"/frames", 2}, {"/rxErrors", 0}});
-      continue;
-    }
-    // In order: each frame's header line, then its UDP line.
-    auto const udpLine = [](UdpFrame const& f) {
-      return "udp @34: srcPort=" + std::to_string(f.srcPort) + " dstPort=" + std::to_string(f.dstPort) +
-             " length=28 checksum=" + hexNum(f.udpChecksum(), 4) + " (valid)\n";
-    };
-    std::size_t at = 0;
-    for (std::string const& line : {std::string("frame 1: 62 bytes\n"), udpLine(first),
-                                    std::string("frame 2: 62 bytes\n"), udpLine(second)}) {
-      at = r.out.find(line, at);
-      ASSERT_NE(at, std::string::npos) << line;
-    }
-    EXPECT_TRUE(has(r.out, "identification=2 "));
-    EXPECT_TRUE(has(r.out, "\n2 frames\n"));
+// The frames' text lines are the packet command's (tested above); the
+// capture's own text lines are checked without traffic below.
+TEST_F(CorvidToolInNamespace, SendAndCapture_RoundTripTwoFramesOverAVethPair) {
+  ToolProcess capture({"capture", "--json", "--intf", "cv0", "--count", "2", "--seconds", "5"});
+  ASSERT_TRUE(capture.started());
+  // Frames sent before the capture binds its socket would be lost.
+  for (int i = 0; i < 200 && !packetSocketBoundTo("cv0"); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
+  ASSERT_TRUE(packetSocketBoundTo("cv0")) << shown(capture.finish(1));
+  for (auto const& frame : {udpFrame(1111, 2222), udpFrame(3333, 4444, 2)}) {
+    RUN(sent, {"send", "--intf", "cv1", toHex(frame)});
+    EXPECT_EQ(sent.status, 0);
+    EXPECT_EQ(sent.out, "sent 62 bytes\n");
+    EXPECT_EQ(diagnostics(sent.err), "");
+  }
+  ToolResult const r = capture.finish(10);
+  SCOPED_TRACE(shown(r));
+  ASSERT_FALSE(r.timedOut);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(diagnostics(r.err), "");
+  auto const events = jsonLines(r.out);
+  ASSERT_EQ(events.size(), 4u);
+  expectMembers(events[0], {{"/event", "start"}, {"/intf", "cv0"}});
+  expectMembers(events[1], {{"/event", "frame"}, {"/frame", 1}, {"/bytes", 62}, {"/headers/2/srcPort", 1111}});
+  expectMembers(events[2], {{"/frame", 2}, {"/headers/1/identification", 2}, {"/headers/2/checksumValid", true}});
+  expectMembers(events[3], {{"/event", "end"}, {"/frames", 2}, {"/rxErrors", 0}});
 }
 
 TEST_F(CorvidToolInNamespace, CaptureWithoutTraffic_StopsWhenItsSecondsRunOut) {
   auto const start = std::chrono::steady_clock::now();
-  RUN(r, {"capture", "--json", "--intf", "cv0", "--count", "1", "--seconds", "1"}, 10);
+  RUN(r, {"capture", "--intf", "cv0", "--count", "1", "--seconds", "1"}, 10);
   EXPECT_GE(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 0.9);
   EXPECT_FALSE(r.timedOut);
   EXPECT_EQ(r.status, 0);
-  auto const events = jsonLines(r.out);
-  ASSERT_EQ(events.size(), 2u);
-  expectMembers(events[1], {{"/event", "end"}, {"/frames", 0}});
-}
-
-TEST_F(CorvidToolInNamespace, MissingInterface_ExitsOneWithTheSystemReason) {
-  UsageCase const cases[] = {
-      {{"capture", "--intf", "nosuch0", "--count", "1", "--seconds", "1"}, "corvid capture: nosuch0: "},
-      {{"send", "--intf", "nosuch0", "00"}, "corvid send: "},
-  };
-  for (auto const& c : cases) {
-    RUN(r, c.args);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(startsWith(r.err, c.message));
-    EXPECT_TRUE(has(r.err, ": No such device\n"));
-  }
+  EXPECT_EQ(r.out, "capturing IPv4 frames on cv0\n0 frames\n");
 }
 
 TEST_F(CorvidToolInNamespace, SendTo_DeliversThePayloadToAnIndependentRawReceiver) {
@@ -556,41 +465,39 @@ TEST_F(CorvidToolInNamespace, SendTo_DeliversThePayloadToAnIndependentRawReceive
   EXPECT_EQ(U8(buf[9]), 253);
 }
 
-// Whatever the tour made, by its name: scratch namespaces and tables.
 // What one tour made, by its name (its pid): scratch namespaces and tables.
 bool demoLeftovers(pid_t pid) {
-  std::string const tag = "corvid-demo-" + std::to_string(pid);
-  std::string const netns = CorvidTest::shOutput("ip netns list");
-  std::string const shm = CorvidTest::shOutput("ls /dev/shm");
-  return netns.find(tag) != std::string::npos || shm.find(tag) != std::string::npos;
+  return has(CorvidTest::shOutput("ip netns list; ls /dev/shm"), "corvid-demo-" + std::to_string(pid));
 }
 
-TEST_F(CorvidTool, Demo_RunsEveryStepAndLeavesNothingBehind) {
-  CorvidTest::ToolProcess tool({"demo"});
-  pid_t const pid = tool.pid();
-  ToolResult const r = tool.finish(60);
-  SCOPED_TRACE(shown(r));
-  EXPECT_EQ(r.status, 0) << r.out;
+// As the caller and, when that is root, as user nobody (setpriv execs the
+// tool, so the pid is the tour's): the steps that need root run or say why not.
+TEST_F(CorvidTool, Demo_RunsEveryStepItMayAndLeavesNothingBehind) {
   bool const root = geteuid() == 0;
-  for (char const* step : {"$ corvid value ip 10.1.2.3", "  error: Invalid Prefix", "checkEthIpHdr: 0 (noError)\n",
-                           "  values: ok\n", "  packets: ok\n"}) {
-    EXPECT_TRUE(has(r.out, step)) << step;
+  for (bool const nobody : {false, true}) {
+    if (nobody && (!root || access("/usr/bin/setpriv", X_OK) != 0)) continue;
+    SCOPED_TRACE(nobody ? "as nobody" : "as the caller");
+    bool const privileged = root && !nobody;
+    std::vector<std::string> args = {"demo"};
+    if (nobody) args = {"--reuid=65534", "--regid=65534", "--clear-groups", CorvidTest::corvidBinary(), "demo"};
+    ToolProcess tool(args, nobody ? "/usr/bin/setpriv" : CorvidTest::corvidBinary());
+    pid_t const pid = tool.pid();
+    ToolResult const r = tool.finish(60);
+    SCOPED_TRACE(shown(r));
+    EXPECT_EQ(r.status, 0);
+    for (char const* step : {"$ corvid value ip 10.1.2.3", "  error: Invalid Prefix", "checkEthIpHdr: 0 (noError)\n",
+                             "  values: ok\n", "  packets: ok\n"}) {
+      EXPECT_TRUE(has(r.out, step)) << step;
+    }
+    for (char const* step : {"the kernel namespace list saw it appear", "watcher: neigh add", "received 3 on veth0",
+                             "vrf blue veth1 192.0.2.8", "done sent=3 echoed=3"}) {
+      EXPECT_EQ(has(r.out, step), privileged) << step;
+    }
+    for (std::string subsystem : {"TCP and PDUs", "namespaces", "endpoints", "shared tables, neighbours"}) {
+      EXPECT_TRUE(has(r.out, "  " + subsystem + (privileged ? ": ok\n" : ": skipped (needs root)\n"))) << subsystem;
+    }
+    EXPECT_FALSE(demoLeftovers(pid));
   }
-  for (char const* step : {"the kernel namespace list saw it appear", "watcher: neigh add",
-                           "received 3 on veth0", "vrf blue veth1 192.0.2.8", "done sent=3 echoed=3",
-                           "  TCP and PDUs: ok\n", "  namespaces: ok\n",
-                           "  endpoints: ok\n", "  shared tables, neighbours: ok\n"}) {
-    EXPECT_EQ(has(r.out, step), root) << step;
-  }
-  EXPECT_FALSE(demoLeftovers(pid));
-}
-
-TEST_F(CorvidTool, Demo_WithoutRootSaysWhichStepsNeedIt) {
-  if (geteuid() != 0 || access("/usr/bin/setpriv", X_OK) != 0) GTEST_SKIP() << "needs setpriv as root";
-  auto const r = CorvidTest::runCorvidAsNobody({"demo"}, 60);
-  EXPECT_EQ(r.status, 0) << r.out << r.err;
-  EXPECT_TRUE(has(r.out, "  namespaces: skipped (needs root)\n")) << r.out;
-  EXPECT_TRUE(has(r.out, "  values: ok\n"));
 }
 
 TEST_F(CorvidTool, Demo_InterruptedRemovesWhatItMade) {

@@ -32,25 +32,15 @@ struct ToolResult {
   bool timedOut = false;
 };
 
-// The build tree: CORVID_TEST_BINARY_DIR when set, else the directory above
-// the running test's own (test executables live in <build>/tests).
+// The build tree: CORVID_TEST_BINARY_DIR when set, else the one the test
+// was built in.
 inline std::string buildDir() {
-  if (char const* dir = std::getenv("CORVID_TEST_BINARY_DIR")) return dir;
-  char exe[4096];
-  ssize_t const n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-  std::string path(exe, n > 0 ? static_cast<std::size_t>(n) : 0);
-  for (int up = 0; up < 2; ++up) {
-    std::size_t const slash = path.find_last_of('/');
-    path.erase(slash == std::string::npos ? 0 : slash);
-  }
-  return path;
+  char const* dir = std::getenv("CORVID_TEST_BINARY_DIR");
+  return dir ? dir : CORVID_BINARY_DIR;
 }
 
-// The tool inside the build tree; empty when the build dir is not known.
-inline std::string corvidBinary() {
-  std::string const dir = buildDir();
-  return dir.empty() ? dir : dir + "/tools/corvid/corvid";
-}
+// The tool inside the build tree.
+inline std::string corvidBinary() { return buildDir() + "/tools/corvid/corvid"; }
 
 class ToolProcess {
  public:
@@ -93,12 +83,6 @@ class ToolProcess {
   // Sends a signal to the running child (Ctrl-C is SIGINT).
   void signal(int sig) const {
     if (pid_ > 0) kill(pid_, sig);
-  }
-
-  // True once the child has exited (it is not reaped here).
-  bool exited() const {
-    siginfo_t info{};
-    return pid_ > 0 && waitid(P_PID, pid_, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid_;
   }
 
   // Reads both streams to their end and reaps the child; kills it first
