@@ -191,9 +191,7 @@ TEST(MplsStack, FailingExtendLeavesTheStackUnchanged) {
 }
 
 TEST(MplsStack, OrderIsSizeThenLabelsFromTheTop) {
-  std::vector<Stack> const v{stack({300, 100}), stack({100, 200}), stack({500}), Stack(), stack({200, 100})};
-  EXPECT_EQ(sortedTexts(v, [](Stack const& s) { return s.cliString().str(); }),
-            (std::vector<std::string>{"", "500", "100 200", "100 300", "200 100"}));
+  expectAscending(std::vector<Stack>{Stack(), stack({500}), stack({200, 100}), stack({300, 100}), stack({100, 200})});
   EXPECT_EQ(stack({100, 200}).top(), MplsLabel(200));
   EXPECT_FALSE(Stack());
   EXPECT_TRUE(stack({EL}));

@@ -14,7 +14,6 @@
 using namespace Corvid;
 using namespace CorvidTest;
 using Brio::String;
-using Brio::strep;
 
 namespace {
 
@@ -28,19 +27,11 @@ TEST(Ip6AddrText, ReadsAndPrintsTheTable) {
   char const* const colon = "Ip6Addr: ':' expected";
   char const* const hex = "Ip6Addr: hex digit expected";
   auto const whole = stringValueIsOver<Ip6Addr>("fe80::1");
+  // Good texts read alone are held against inet_pton and inet_ntop below; here
+  // the dotted quad's own rules and what stops at trailing characters.
   checkRows<Ip6Addr>(
       {
-          {"::", "::", nullptr, 2}, {"::1", "::1", nullptr, 3}, {"1::", "1::", nullptr, 3},
-          {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1", nullptr, 20},     // first of two equal runs
-          {"2001:db8:0:1:1:1:1:1", "2001:db8:0:1:1:1:1:1", nullptr, 20},  // a single zero stays
-          {"2001:db8:0:0:1:0:0:0", "2001:db8:0:0:1::", nullptr, 20},      // the longer run wins
-          {"2001:DB8::ABCD", "2001:db8::abcd", nullptr, 14},  {"fe80:0:0:0:0:0:0:0", "fe80::", nullptr, 18},
-          {"0:0:0:0:0:0:0:0", "::", nullptr, 15},             {"0000:0000::0001", "::1", nullptr, 15},
-          {"::ffff:10.0.0.1", "::ffff:10.0.0.1", nullptr, 15}, {"::ffff:a00:1", "::ffff:10.0.0.1", nullptr, 12},
-          {"::ffff:010.0.0.1", "::ffff:10.0.0.1", nullptr, 16}, {"::1.2.3.4", "::102:304", nullptr, 9},
-          {"1:2:3:4:5:6:1.2.3.4", "1:2:3:4:5:6:102:304", nullptr, 19},
-          {"1::3:4:5:6:1.2.3.4", "1:0:3:4:5:6:102:304", nullptr, 18},
-          {"1:2:3:4:5:6:7::", "1:2:3:4:5:6:7:0", nullptr, 15}, {"::2:3:4:5:6:7:8", "0:2:3:4:5:6:7:8", nullptr, 15},
+          {"::", "::", nullptr, 2}, {"::ffff:010.0.0.1", "::ffff:10.0.0.1", nullptr, 16},
           {"1::2/64", "1::2", trailing, 4},                   {"1:2:3:4:5:6:7:8x", "1:2:3:4:5:6:7:8", trailing, 15},
           {"::1.2.3.4:5", "::102:304", trailing, 9},          {"fe80::1 ", "fe80::1", trailing, 7},
       },
@@ -283,23 +274,8 @@ TEST(Ip6Addr, ElementAccessByIndexInHostOrder) {
   EXPECT_EQ(a, ip6("fe80::"));
 }
 
-TEST(Ip6Addr, NamedConstantsHoldTheirAddresses) {
-  std::pair<Brio::String, char const*> const constants[] = {
-      {strep(ip6AddrZero), "::"},          {strep(ip6AddrAllNodes), "ff02::1"},   {strep(ip6AddrAllRouters), "ff02::2"},
-      {strep(ip6AddrAllHosts), "ff02::3"}, {strep(ip6AddrVrrp), "ff02::12"},      {strep(ip6AddrLoopback), "::1"},
-      {strep(ip6AddrLinkLocalBase), "ff02::"}, {strep(ip6AddrPimRouters), "ff02::d"}, {strep(ip6AddrMld), "ff02::16"},
-      {strep(ip6AddrV4MappedLoopback), "::ffff:127.0.0.1"},
-      {strep(ip6AddrV4MappedLoopbackBase), "::ffff:127.0.0.0"},
-      {strep(ip6LinkLocalPrefix), "fe80::/10"}, {strep(ip6SiteLocalPrefix), "fec0::/10"},
-      {strep(ip6UniqueLocalPrefix), "fc00::/7"},
-  };
-  for (auto const& [text, want] : constants) EXPECT_EQ(text.str(), want);
-}
-
 TEST(Ip6Addr, OrderIsNumericAndHashesChainWang) {
-  EXPECT_LT(ip6("::1"), ip6("::2"));
-  EXPECT_LT(ip6("fe80::ffff"), ip6("fe80::1:0"));
-  EXPECT_LT(ip6("2001:db8::"), ip6("fe80::"));
+  expectAscending<Ip6Addr>({"::1", "::2", "2001:db8::", "fe80::ffff", "fe80::1:0"});
   // Values computed independently from the published steps.
   EXPECT_EQ(ip6("::").hash(), 0xe0bda6d1u);
   EXPECT_EQ(ip6("2001:db8::1").hash(), 0x2739abbdu);
@@ -336,13 +312,9 @@ TEST(Ip6Prefix, ContainmentValidityAndSubnetHost) {
 }
 
 TEST(Ip6PrefixOrder, MostSpecificFirstOtherwiseByAddress) {
-  std::vector<Ip6Prefix> const v = {p6("2001:db8::/32"), p6("::/0"), p6("2001:db8:1::/48"), p6("2001:db7::/32"),
-                                    p6("2001:db8::/128")};
-  EXPECT_EQ(sortedTexts(v, [](Ip6Prefix const& p) { return Brio::strep(p).str(); }),
-            (std::vector<std::string>{"2001:db7::/32", "2001:db8::/128", "2001:db8:1::/48", "2001:db8::/32", "::/0"}));
+  expectAscending<Ip6Prefix>({"2001:db7::/32", "2001:db8::/128", "2001:db8:1::/48", "2001:db8::/32", "::/0"});
   // Interface addresses use the prefix order too, unlike IPv4's shorter-first.
   EXPECT_LT(Ip6AddrWithMask(ip6("2001:db8::1"), 64), Ip6AddrWithMask(ip6("2001:db8::1"), 48));
-  EXPECT_LT(IpAddrWithMask(IpAddr(10, 0, 0, 1), 16), IpAddrWithMask(IpAddr(10, 0, 0, 1), 24));
 }
 
 TEST(Ip6AddrWithMask, SubnetMasksTheAddress) {

@@ -174,9 +174,7 @@ TEST(IpAddr, PredicatesFollowTheirBlocks) {
 }
 
 TEST(IpAddr, OrderIsNumericAndHashIsWangOfTheNetworkWord) {
-  EXPECT_LT(ip("10.0.0.2"), ip("10.0.0.10"));
-  EXPECT_LT(ip("9.255.255.255"), ip("10.0.0.0"));
-  EXPECT_FALSE(ip("10.0.0.10") < ip("10.0.0.2"));
+  expectAscending<IpAddr>({"9.255.255.255", "10.0.0.0", "10.0.0.2", "10.0.0.10"});
   // Values computed independently from the published hash32shift steps.
   EXPECT_EQ(ip("0.0.0.0").hash(), 0xcaa3caa3u);
   EXPECT_EQ(ip("10.1.2.3").hash(), 0xd3e0d276u);
@@ -210,23 +208,12 @@ TEST(Prefix, ConstructorAcceptsCleanPairsAndTheAllOnesSentinel) {
 }
 
 TEST(PrefixOrder, NestedMostSpecificFirstAndDefaultRouteLast) {
-  std::vector<Prefix> const v = {prefix("10.0.0.0/8"), prefix("10.1.0.0/16"), prefix("0.0.0.0/0"), prefix("9.0.0.0/8")};
-  EXPECT_EQ(sortedTexts(v, [](Prefix const& p) { return p.stringValue().str(); }),
-            (std::vector<std::string>{"9.0.0.0/8", "10.1.0.0/16", "10.0.0.0/8", "0.0.0.0/0"}));
-  // Equal lengths go by address; the default route sorts after the sentinel
-  // too, which compares like a host route.
-  EXPECT_LT(prefix("10.0.0.0/8"), prefix("11.0.0.0/8"));
-  EXPECT_LT(Prefix(ip("0.0.0.0"), 0xffffffff), prefix("0.0.0.0/0"));
-  EXPECT_LT(Prefix(ip("10.0.0.1"), 0xffffffff), prefix("10.0.0.0/8"));
-  EXPECT_FALSE(prefix("10.0.0.0/8") < prefix("10.0.0.0/8"));
-}
-
-TEST(IpAddrWithMaskOrder, ShorterLengthFirstUnlikePrefix) {
-  IpAddrWithMask const a(ip("10.0.0.0"), 8), b(ip("10.0.0.0"), 16), c(ip("9.0.0.0"), 32);
-  EXPECT_LT(a, b);
-  EXPECT_LT(c, a);
-  EXPECT_LT(IpAddrWithFullMask(ip("1.1.1.1"), 5), IpAddrWithFullMask(ip("1.1.1.1"), 6));
-  EXPECT_LT(IpAddrWithFullMask(ip("1.1.1.0"), 9), IpAddrWithFullMask(ip("1.1.1.1"), 6));
+  // The all-ones sentinel length compares like a host route.
+  expectAscending(std::vector<Prefix>{prefix("9.0.0.0/8"), Prefix(ip("10.0.0.1"), 0xffffffff), prefix("10.1.0.0/16"),
+                                      prefix("10.0.0.0/8"), prefix("11.0.0.0/8"), prefix("0.0.0.0/0")});
+  // Interface addresses go by address, then the shorter length first.
+  expectAscending<IpAddrWithMask>({"9.0.0.0/32", "10.0.0.0/8", "10.0.0.0/16"});
+  expectAscending(std::vector<IpAddrWithFullMask>{{ip("1.1.1.0"), 9}, {ip("1.1.1.1"), 5}, {ip("1.1.1.1"), 6}});
 }
 
 TEST(Prefix, SubnetHostRefusesHostBitsInTheNetworkPart) {

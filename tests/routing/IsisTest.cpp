@@ -49,11 +49,8 @@ TEST(LspId, TextTableAndBytesBySevenBitIndex) {
 }
 
 TEST(LspId, OrderIsSystemThenPseudonodeThenFragment) {
-  std::vector<std::string> const sorted = {"0000.0000.0001.00-00", "0000.0000.0001.00-01", "0000.0000.0001.01-00",
-                                           "0000.0000.0002.00-00", "1000.0000.0000.00-00"};
-  std::vector<LspId> v;
-  for (auto it = sorted.rbegin(); it != sorted.rend(); ++it) v.emplace_back(Brio::String(*it));
-  EXPECT_EQ(sortedTexts(v, [](LspId const& id) { return id.stringValue().str(); }), sorted);
+  expectAscending<LspId>({"0000.0000.0001.00-00", "0000.0000.0001.00-01", "0000.0000.0001.01-00",
+                          "0000.0000.0002.00-00", "1000.0000.0000.00-00"});
 }
 
 TEST(AreaId, TextTable) {

@@ -229,13 +229,21 @@ T attrLogReadOf(W const&... written) {
   return attrLogRead(in, static_cast<T*>(nullptr));
 }
 
-// The values sorted with operator<, each as text(v).
-template <class T, class Text>
-std::vector<std::string> sortedTexts(std::vector<T> values, Text text) {
-  std::sort(values.begin(), values.end());
-  std::vector<std::string> texts;
-  for (auto const& v : values) texts.push_back(text(v));
-  return texts;
+// Each value sorts strictly before every later one and not before itself
+// or an earlier one: the order, its strictness and its transitivity at once.
+template <class T>
+void expectAscending(std::vector<T> const& values) {
+  for (std::size_t i = 0; i < values.size(); ++i)
+    for (std::size_t j = 0; j < values.size(); ++j)
+      EXPECT_EQ(values[i] < values[j], i < j) << Brio::strep(values[i]).str() << " < " << Brio::strep(values[j]).str();
+}
+
+// The same, for values read from their strep texts.
+template <class T>
+void expectAscending(std::initializer_list<char const*> texts) {
+  std::vector<T> values;
+  for (auto t : texts) values.push_back(Brio::strepToValue<T>(Brio::String(t)));
+  expectAscending(values);
 }
 
 }  // namespace CorvidTest
