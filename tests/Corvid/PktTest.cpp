@@ -4,8 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
+#include <functional>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -110,12 +113,8 @@ TEST(PktShallowCopy, SharesTheBufferAndCarriesTheSeparateTag) {
 TEST(PktShallowCopy, RefusesAPacketWithPrivateHeadBytes) {
   Brio::Ptr<Pkt> pkt = pktWith("abc");
   pkt->newPrivateHeadData(1);
-  try {
-    globalPktManager()->newShallowCopy(pkt);
-    FAIL() << "no exception";
-  } catch (Brio::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "shallow copy of packet with non-shared data");
-  }
+  EXPECT_THAT([&] { globalPktManager()->newShallowCopy(pkt); },
+              testing::ThrowsMessage<Brio::RangeException>(testing::StrEq("shallow copy of packet with non-shared data")));
 }
 
 TEST(PktVlan, StringValueInsertsTheSeparateTagOnlyWhenBothMacsArePresent) {
@@ -155,9 +154,16 @@ TEST(PktVlan, TciBitFieldsReadAndWriteIndependently) {
 // Frames: destination and source MAC, then what follows.
 std::string const macs = "\x01\x02\x03\x04\x05\x06\x11\x12\x13\x14\x15\x16";
 std::string frameWith(std::string const& rest) { return macs + rest; }
-std::string const tagged100 = frameWith(std::string("\x81\x00\xA0\x64\x08\x00" "IP", 8));
+// The frame with one tag of `tpid` and `tci` between the MACs and the EtherType.
+std::string withTag(U16 tpid, U16 tci) {
+  char const tag[] = {static_cast<char>(tpid >> 8), static_cast<char>(tpid), static_cast<char>(tci >> 8),
+                      static_cast<char>(tci)};
+  return frameWith(std::string(tag, 4) + std::string("\x08\x00" "IP", 4));
+}
+
+std::string const tagged100 = withTag(0x8100, 0xA064);
 std::string const untagged = frameWith(std::string("\x08\x00" "IP", 4));
-std::string const qinq = frameWith(std::string("\x88\xA8\x20\x07\x08\x00" "IP", 8));
+std::string const qinq = withTag(0x88A8, 0x2007);
 
 TEST(PktVlanFunctions, VlanIdComesFromTheSeparateTagThenTheFrame) {
   struct Case {
@@ -178,87 +184,58 @@ TEST(PktVlanFunctions, VlanIdComesFromTheSeparateTagThenTheFrame) {
   }
 }
 
-TEST(PktVlanFunctions, AddPushesASeparateTagIntoTheFrameWithoutItsPriority) {
-  Brio::Ptr<Pkt> pkt = pktWith(untagged);
-  addPktVlanTag(pkt, 100);
-  EXPECT_EQ(hex(pkt->stringValue().str()), hex(frameWith(std::string("\x81\x00\x00\x64\x08\x00" "IP", 8))));
-
-  Brio::Ptr<Pkt> sep = pktWith(untagged);
-  sep->newSeparateVlanTag(0xB00A, 0x88A8);  // priority 5, CFI set, VLAN 10
-  addPktVlanTag(sep, 20);
-  EXPECT_EQ(hex(sep->stringValue().str()), hex(frameWith(std::string("\x88\xA8\x00\x0A\x08\x00" "IP", 8))));
-  EXPECT_TRUE(sep->tciPresent());
-  EXPECT_EQ(sep->tciField(), 20);
-  EXPECT_EQ(sep->vlanTpid(), 0x8100);
+// The separate tag as "tpid:tci" in hex, "" when there is none.
+std::string separateTag(Brio::Ptr<Pkt> const& pkt) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "%04x:%04x", pkt->vlanTpid(), pkt->tciField());
+  return pkt->tciPresent() ? buf : "";
 }
 
-TEST(PktVlanFunctions, StripRemovesOnlyTheOutermostTagWithAListedTpid) {
-  std::set<U16> both{0x8100, 0x88A8};
-  std::set<U16> dot1q{0x8100};
+TEST(PktVlanFunctions, EachEditLeavesTheFrameAndTheSeparateTagAsTabled) {
+  std::set<U16> const both{0x8100, 0x88A8}, dot1q{0x8100};
+  auto add = [](U16 vlan) { return [vlan](Brio::Ptr<Pkt> const& p) { addPktVlanTag(p, vlan); }; };
+  auto strip = [](std::set<U16> tpids) {
+    return [=](Brio::Ptr<Pkt> const& p) mutable { stripPktVlanTagSet(p, tpids); };
+  };
+  auto fixup = [](U16 vlan, bool on) { return [=](Brio::Ptr<Pkt> const& p) { fixupPktVlanTag(p, vlan, on); }; };
+  auto const offload = [](Brio::Ptr<Pkt> const& p) { maybeOffloadAnyVlanTag(p); };
   struct Case {
+    char const* name;
     std::string frame;
-    std::set<U16>* tpids;
-    std::string expected;
+    char const* tag;  // the separate tag before, as "tpid:tci"; "" for none
+    std::function<void(Brio::Ptr<Pkt> const&)> edit;
+    std::string after;
+    char const* tagAfter;
   } const cases[] = {
-      {tagged100, &dot1q, untagged},
-      {qinq, &dot1q, qinq},
-      {qinq, &both, untagged},
-      {untagged, &both, untagged},
-      {frameWith("\x81\x00\x00"), &both, frameWith("\x81\x00\x00")},  // too short to carry a tag
+      {"add to an untagged frame", untagged, "", add(100), withTag(0x8100, 100), ""},
+      {"add pushes the separate tag in without its priority", untagged, "88a8:b00a", add(20), withTag(0x88A8, 10),
+       "8100:0014"},
+      {"strip 0x8100", tagged100, "", strip(dot1q), untagged, ""},
+      {"strip 0x8100 leaves 0x88a8", qinq, "", strip(dot1q), qinq, ""},
+      {"strip either", qinq, "", strip(both), untagged, ""},
+      {"strip untagged", untagged, "", strip(both), untagged, ""},
+      {"strip a frame too short to carry a tag", frameWith("\x81\x00\x00"), "", strip(both), frameWith("\x81\x00\x00"),
+       ""},
+      {"plain strip: the outermost tag is the separate 0x88a8 one", tagged100, "88a8:0005",
+       [](Brio::Ptr<Pkt> const& p) { stripPktVlanTag(p); }, tagged100, "88a8:0005"},
+      {"strip takes the separate tag first", tagged100, "88a8:0005", strip(both), tagged100, ""},
+      {"offload keeps priority and CFI", withTag(0x88A8, 0xB007), "", offload, untagged, "88a8:b007"},
+      {"offload beside a separate tag", tagged100, "88a8:b007", offload, tagged100, "88a8:b007"},
+      {"offload untagged", untagged, "", offload, untagged, ""},
+      {"fixup keeps the frame's priority bits", tagged100, "", fixup(0x123, true), withTag(0x8100, 0xA123), ""},
+      {"fixup strips", tagged100, "", fixup(0, false), untagged, ""},
+      {"fixup adds", untagged, "", fixup(7, true), withTag(0x8100, 7), ""},
+      {"fixup rewrites a separate 0x8100 tag", untagged, "8100:6005", fixup(9, true), untagged, "8100:6009"},
+      {"fixup pushes a separate 0x88a8 tag in", untagged, "88a8:0005", fixup(9, true), withTag(0x88A8, 5), "8100:0009"},
   };
   for (auto const& c : cases) {
+    SCOPED_TRACE(c.name);
     Brio::Ptr<Pkt> pkt = pktWith(c.frame);
-    stripPktVlanTagSet(pkt, *c.tpids);
-    EXPECT_EQ(hex(pkt->stringValue().str()), hex(c.expected)) << hex(c.frame);
+    if (*c.tag) pkt->newSeparateVlanTag(std::stoi(c.tag + 5, nullptr, 16), std::stoi(c.tag, nullptr, 16));
+    c.edit(pkt);
+    EXPECT_EQ(hex(pkt->stringValue().str()), hex(c.after));
+    EXPECT_EQ(separateTag(pkt), c.tagAfter);
   }
-  Brio::Ptr<Pkt> sep = pktWith(tagged100);
-  sep->newSeparateVlanTag(0x0005, 0x88A8);
-  stripPktVlanTag(sep);  // the outermost tag is the separate 0x88A8 one: untouched
-  EXPECT_TRUE(sep->tciPresent());
-  EXPECT_EQ(sep->stringValue(), tagged100);
-  stripPktVlanTagSet(sep, both);
-  EXPECT_FALSE(sep->tciPresent());
-  EXPECT_EQ(sep->stringValue(), tagged100);
-}
-
-TEST(PktVlanFunctions, OffloadMovesTheInFrameTagWithPriorityAndCfi) {
-  Brio::Ptr<Pkt> pkt = pktWith(frameWith(std::string("\x88\xA8\xB0\x07\x08\x00" "IP", 8)));
-  maybeOffloadAnyVlanTag(pkt);
-  EXPECT_EQ(pkt->stringValue(), untagged);
-  EXPECT_TRUE(pkt->tciPresent());
-  EXPECT_EQ(pkt->tciField(), 0xB007);
-  EXPECT_EQ(pkt->vlanTpid(), 0x88A8);
-  maybeOffloadAnyVlanTag(pkt);  // already carries one: nothing happens
-  EXPECT_EQ(pkt->stringValue(), untagged);
-
-  Brio::Ptr<Pkt> plain = pktWith(untagged);
-  maybeOffloadAnyVlanTag(plain);
-  EXPECT_FALSE(plain->tciPresent());
-}
-
-TEST(PktVlanFunctions, FixupRewritesAddsOrStripsTheTag) {
-  Brio::Ptr<Pkt> inFrame = pktWith(tagged100);
-  fixupPktVlanTag(inFrame, 0x123, true);  // priority bits of the frame's TCI are kept
-  EXPECT_EQ(hex(inFrame->stringValue().str()), hex(frameWith(std::string("\x81\x00\xA1\x23\x08\x00" "IP", 8))));
-  fixupPktVlanTag(inFrame, 0, false);
-  EXPECT_EQ(inFrame->stringValue(), untagged);
-
-  Brio::Ptr<Pkt> plain = pktWith(untagged);
-  fixupPktVlanTag(plain, 7, true);
-  EXPECT_EQ(vlanIdFromEthPkt(plain), 7);
-
-  Brio::Ptr<Pkt> sep = pktWith(untagged);
-  sep->newSeparateVlanTag(0x6005, 0x8100);
-  fixupPktVlanTag(sep, 9, true);
-  EXPECT_EQ(sep->tciField(), 0x6009);
-  EXPECT_EQ(sep->stringValue(), untagged);
-
-  Brio::Ptr<Pkt> other = pktWith(untagged);
-  other->newSeparateVlanTag(0x0005, 0x88A8);
-  fixupPktVlanTag(other, 9, true);
-  EXPECT_EQ(other->tciField(), 9);
-  EXPECT_EQ(other->vlanTpid(), 0x8100);
-  EXPECT_EQ(hex(other->stringValue().str()), hex(frameWith(std::string("\x88\xA8\x00\x05\x08\x00" "IP", 8))));
 }
 
 TEST(PktOffsets, BoundsUseTheSharedLengthTruncatedToSixteenBits) {

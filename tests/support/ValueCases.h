@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <initializer_list>
@@ -151,6 +152,19 @@ inline std::unique_ptr<char[]> exactCopy(std::string_view text) {
   auto block = std::make_unique<char[]>(text.size());
   std::memcpy(block.get(), text.data(), text.size());
   return block;
+}
+
+// v.printToBuffer at every size up to one past its text (a null buffer at
+// size 0): the whole text's length back, the text cut as snprintf cuts it,
+// nothing written past size.
+template <class T>
+void expectPrintToBufferLikeSnprintf(T const& v, std::string const& text) {
+  for (unsigned size = 0; size <= text.size() + 1; ++size) {
+    std::vector<char> buf(size + 1, '#'), expected(size + 1, '#');
+    int const whole = std::snprintf(size ? expected.data() : nullptr, size, "%s", text.c_str());
+    EXPECT_EQ(v.printToBuffer(size ? buf.data() : nullptr, size), static_cast<unsigned>(whole)) << size;
+    EXPECT_EQ(std::string(buf.begin(), buf.end()), std::string(expected.begin(), expected.end())) << size;
+  }
 }
 
 // v's strep reads back equal and printing the same strep (which catches
