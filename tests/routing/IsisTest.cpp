@@ -78,9 +78,7 @@ TEST(AreaId, BytesLengthOrderAndAttrLog) {
   a.lengthIs(AreaIdLengthRange(2));
   a.lengthIs(AreaIdLengthRange(3));
   EXPECT_EQ(a.stringValue(), "49.0000") << "shrinking clears the dropped bytes";
-  EXPECT_LT(AreaId("49"), AreaId("49.0001"));
-  EXPECT_LT(AreaId("49.0001.ff"), AreaId("49.0002"));
-  EXPECT_NE(AreaId("49.0001"), AreaId("49.0001.00"));
+  expectAscending<AreaId>({"49", "49.0001", "49.0001.00", "49.0001.ff", "49.0002"});
   expectAttrLogRoundTrip(AreaId("49.0001"), LspId("1921.6800.1001.01-0a"));
   EXPECT_THROW(attrLogReadOf<AreaId>(U8(14)), Brio::RangeException);
 }
