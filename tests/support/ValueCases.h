@@ -17,6 +17,7 @@
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <random>
 #include <span>
 #include <string>
 #include <string_view>
@@ -152,6 +153,32 @@ inline std::unique_ptr<char[]> exactCopy(std::string_view text) {
   auto block = std::make_unique<char[]>(text.size());
   std::memcpy(block.get(), text.data(), text.size());
   return block;
+}
+
+// Up to two random edits of a text, as the reader cross-checks make bad
+// texts from good ones: a character of `noise` inserted, one dropped, or a cut.
+inline void mutate(std::string& t, std::mt19937& rng, std::string_view noise) {
+  for (auto m = rng() % 3; m > 0; --m) {
+    std::size_t const at = rng() % (t.size() + 1);
+    switch (rng() % 3) {
+      case 0: t.insert(at, 1, noise[rng() % noise.size()]); break;
+      case 1: if (at < t.size()) t.erase(at, 1); break;
+      default: t.resize(at);
+    }
+  }
+}
+
+// Whether a dotted quad has an octet the IPv4 reader takes on purpose and
+// inet_pton refuses: one with a leading zero (decimal here), or a run longer
+// than three digits (only its low 32 bits are tested).
+inline bool hasOddOctet(std::string const& quad) {
+  std::size_t start = 0;
+  for (std::size_t dot; start <= quad.size(); start = dot + 1) {
+    dot = std::min(quad.find('.', start), quad.size());
+    std::size_t const n = dot - start;
+    if ((n > 1 && quad[start] == '0') || n > 3) return true;
+  }
+  return false;
 }
 
 // v.printToBuffer at every size up to one past its text (a null buffer at
