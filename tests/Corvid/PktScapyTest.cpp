@@ -21,8 +21,7 @@ namespace {
 
 std::string scriptPath() {
   char const* root = std::getenv("CORVID_TEST_SOURCE_DIR");
-  std::string dir = std::string(root ? root : CORVID_SOURCE_DIR) + "/tests/Corvid";
-  return dir + "/scapy_frames.py";
+  return std::string(root ? root : CORVID_SOURCE_DIR) + "/tests/Corvid/scapy_frames.py";
 }
 
 // The first interpreter that can import scapy (Debian's python3-scapy lives
@@ -68,19 +67,6 @@ Brio::Ptr<Pkt> exactPkt(std::string const& bytes) {
   pkt->stringValueIs(Brio::String(bytes));
   return pkt;
 }
-
-class ScapyTest : public testing::Test {
- protected:
-  void SetUp() override {
-    python_ = scapyPython();
-    if (python_.empty()) {
-      GTEST_SKIP() << "python3 with scapy is not installed (Debian package python3-scapy, see scripts/install-deps)";
-    }
-  }
-  std::string run(std::string const& args) const { return python_ + " " + scriptPath() + " " + args + " 2>&1"; }
-
-  std::string python_;
-};
 
 // --- scapy builds; the wrappers read it and write it back ----------------------------
 
@@ -271,8 +257,10 @@ struct Verdicts {
   }
 };
 
-TEST_F(ScapyTest, FramesScapyBuildsReadAndWriteBackTheSameThroughTheWrappers) {
-  std::vector<std::string> const lines = runLines(run("build"));
+TEST(PktScapy, FramesScapyBuildsReadAndWriteBackTheSameThroughTheWrappers) {
+  std::string const python = scapyPython();
+  if (python.empty()) GTEST_SKIP() << "python3 with scapy is not installed (Debian package python3-scapy)";
+  std::vector<std::string> const lines = runLines(python + " " + scriptPath() + " build 2>&1");
   ASSERT_GE(lines.size(), 25u) << (lines.empty() ? "no output" : lines.front());
   std::size_t layers = 0;
   for (auto const& line : lines) {

@@ -302,39 +302,31 @@ class PktModel {
   void step(std::mt19937& rng) {
     U32 const len = static_cast<U32>(shared_.size());
     std::uniform_int_distribution<U32> upTo(0, 40);
-    switch (std::uniform_int_distribution<U32>(0, 8)(rng)) {
+    bool const atHead = rng() & 1;
+    switch (std::uniform_int_distribution<U32>(0, 6)(rng)) {
       case 0: {
         std::string const fill = randomBytes(rng, upTo(rng));
-        log("newSharedHeadData", fill.size());
-        pkt_->newSharedHeadData(static_cast<U32>(fill.size()));
-        std::memcpy(pkt_->sharedBuffer()->data(), fill.data(), fill.size());
-        prepended(fill);
+        U32 const n = static_cast<U32>(fill.size());
+        log(atHead ? "newSharedHeadData" : "newSharedTailData", n);
+        atHead ? pkt_->newSharedHeadData(n) : pkt_->newSharedTailData(n);
+        std::memcpy(pkt_->sharedBuffer()->data() + (atHead ? 0 : len), fill.data(), n);
+        atHead ? prepended(fill) : appended(fill);
         break;
       }
       case 1: {
-        U32 n = std::min(upTo(rng), len);
-        log("delSharedHeadData", n);
-        pkt_->delSharedHeadData(n);
-        shared_.erase(0, n);
-        head_ += n;
+        U32 const n = std::min(upTo(rng), len);
+        log(atHead ? "delSharedHeadData" : "delSharedTailData", n);
+        if (atHead) {
+          pkt_->delSharedHeadData(n);
+          shared_.erase(0, n);
+          head_ += n;
+        } else {
+          pkt_->delSharedTailData(n);
+          shared_.resize(len - n);
+        }
         break;
       }
       case 2: {
-        std::string const fill = randomBytes(rng, upTo(rng));
-        log("newSharedTailData", fill.size());
-        pkt_->newSharedTailData(static_cast<U32>(fill.size()));
-        std::memcpy(pkt_->sharedBuffer()->data() + len, fill.data(), fill.size());
-        appended(fill);
-        break;
-      }
-      case 3: {
-        U32 n = std::min(upTo(rng), len);
-        log("delSharedTailData", n);
-        pkt_->delSharedTailData(n);
-        shared_.resize(len - n);
-        break;
-      }
-      case 4: {
         // A first claim is possible only once: giving all bytes back keeps iovec 0.
         if (privateReleased_ && private_.empty()) return;
         U32 n = std::min(upTo(rng) % 9 + 1, 64 - static_cast<U32>(private_.size()));
@@ -346,7 +338,7 @@ class PktModel {
         private_.insert(0, fill);
         break;
       }
-      case 5: {
+      case 3: {
         if (pkt_->firstIoVec() != 0) return;
         U32 n = std::min(upTo(rng) % 9, static_cast<U32>(private_.size()));
         log("delPrivateHeadData", n);
@@ -355,27 +347,18 @@ class PktModel {
         if (private_.empty()) privateReleased_ = true;
         break;
       }
-      case 6: {
+      case 4: {
         log("resetSharedData", 0);
         pkt_->resetSharedData();
         shared_.clear();
         head_ = size_;
         break;
       }
-      case 7: {
-        std::string s = randomBytes(rng, upTo(rng));
-        bool append = rng() & 1;
-        log(append ? "bytesValueIs(append)" : "stringValueIs", s.size());
-        if (append) {
-          pkt_->bytesValueIs(Brio::Bytes(s), true);
-        } else {
-          pkt_->stringValueIs(Brio::String(s));
-        }
-        if (append) {
-          appended(s);
-        } else {
-          prepended(s);
-        }
+      case 5: {
+        std::string const s = randomBytes(rng, upTo(rng));
+        log(atHead ? "stringValueIs" : "bytesValueIs(append)", s.size());
+        atHead ? pkt_->stringValueIs(Brio::String(s)) : pkt_->bytesValueIs(Brio::Bytes(s), true);
+        atHead ? prepended(s) : appended(s);
         break;
       }
       default: {
