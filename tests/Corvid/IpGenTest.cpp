@@ -200,11 +200,13 @@ TEST(IpGenAddrWithFullMask, ConfigurationTextAndRecordStrepBothReadBack) {
   std::string const weirdRead = "= " + weird;
   OutcomeRow const rows[] = {
       {"10.0.0.0/24", "= 10.0.0.0/24"},       {"10.0.0.0/264", "= 10.0.0.0/8"},  // the length's low eight bits
-      {"10.0.0.0/0", "= 10.0.0.0/0"},         {"2001:db8::/32", "= 2001:db8::/32"},
+      {"10.0.0.0/0", "= 10.0.0.0/0"},         {"10.0.0.0/32", "= 10.0.0.0/32"},       {"10.0.0.0/1", "= 10.0.0.0/1"},
+      {"2001:db8::/32", "= 2001:db8::/32"},
       {"2001:db8::/ffff:ffff::", "= 2001:db8::/32"}, {weird.c_str(), weirdRead.c_str()},
       {"Value('Corvid::IpGenAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255.255.0.0})", "= 1.2.3.4/16"},
       {"10.0.0.0/33", "Invalid IPv4 prefix length"}, {"10.0.0.0/24x", "Invalid IPv4 prefix"},
-      {"10.0.0.0", "premature end of Prefix type"}, {"10.0.0.0/255.0.0.0", "Invalid IPv4 prefix"},
+      {"10.0.0.0", "premature end of Prefix type"}, {"10.0.0.0/x", "premature end of Prefix type"},
+      {"10.0.0.0/", "premature end of Prefix type"}, {"10.0.0.0/255.0.0.0", "Invalid IPv4 prefix"},
       {"2001:db8::", "Ip6AddrWithFullMask: mask expected"}, {"2001:db8::/32 ", "unexpected text after value"},
       {"Value('Corvid::IpGenAddrWithFullMask', ** {'address': 1.2.3.4})", "expected ', '"}, {"24", "Invalid IpGenAddr"},
   };
