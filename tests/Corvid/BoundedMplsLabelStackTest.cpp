@@ -247,14 +247,13 @@ TEST(MplsStack, StringValueReadsBackAndRefusesMalformedText) {
   std::string big = "TOP ( ";
   for (int i = 0; i < 17; ++i) big += "ELI EL ";
   big += ") BOTTOM";
-  for (std::string const bad : {"TOP ( EL ELI ) BOTTOM", "TOP ( ELI 100 EL ) BOTTOM", "TOP ( EL ) BOTTOM",
-                                "TOP (  ) BOTTOM", "TOP ( 100  ) BOTTOM", "TOP ( -1 ) BOTTOM", "TOP ( 100 ) BOTTOM ",
-                                "TOP ( ELX ) BOTTOM", big.c_str()}) {
-    EXPECT_EQ(stringValueOutcome<Stack>(bad), invalidStack) << bad;
-  }
-  EXPECT_EQ(stringValueOutcome<Stack>("TOP ( 8388609 ) BOTTOM"),
-            "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed");
-  EXPECT_EQ(stringValueOutcome<Stack>("TOP ( 8 7 6 5 4 3 2 1 ) BOTTOM"), tooBig);
+  OutcomeRow const bad[] = {
+      {"TOP ( EL ELI ) BOTTOM", invalidStack}, {"TOP ( ELI 100 EL ) BOTTOM", invalidStack},
+      {"TOP ( EL ) BOTTOM", invalidStack},     {"TOP (  ) BOTTOM", invalidStack},  {"TOP ( 100  ) BOTTOM", invalidStack},
+      {"TOP ( -1 ) BOTTOM", invalidStack},     {"TOP ( 100 ) BOTTOM ", invalidStack}, {"TOP ( ELX ) BOTTOM", invalidStack},
+      {big.c_str(), invalidStack},             {"TOP ( 8 7 6 5 4 3 2 1 ) BOTTOM", tooBig},
+      {"TOP ( 8388609 ) BOTTOM", "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed"}};
+  expectOutcomes(bad, stringValueOutcome<Stack>);
   DynamicMplsLabelStack d;
   d.stringValueIs(big);
   EXPECT_EQ(d.calculatedStackSize(), 34u);

@@ -61,18 +61,42 @@ TEST(IpGenAddrText, TracesTheChosenFamilyAtLevelNine) {
   }
 }
 
-TEST(IpGenText, EveryPrefixOfAGoodTextReadsWithinItsEnd) {
-  forEachCut({"{10.0.0.0/8, 2001:db8::/32}", "fe80::1/64", "unset", "10.0.0.0/24",
+// Every cut of a good text, in a heap block of exactly its size, through
+// every reader of the address texts of both families and of either: the
+// answer may only depend on the bytes before the cut, and sequenceToValue
+// never moves past it.
+TEST(IpText, EveryCutOfAGoodTextIsReadWithinItsEnd) {
+  forEachCut({"255.255.255.255", "192.168.100.200/24", "2001:db8:85a3::8a2e:370:7334/64", "::ffff:192.168.100.200",
+              "fe80::1/ffff:ffff::", "1:2:3:4:5:6:7:8", "{10.0.0.0/8, 2001:db8::/32}", "unset",
               "Value('Corvid::IpGenAddrWithFullMask', ** {'address': 1.2.3.4, 'mask': 255.0.0.0})"},
              [](String const& cut) {
                auto const heap = exactCopy(cut.view());
-               ipDetail::familyOfText(heap.get(), heap.get() + cut.bytes());
+               char const* p = heap.get();
+               char const* const end = heap.get() + cut.bytes();
+               auto const v = cut.view();
+               U32 nbo, len;
+               bool const quad = ipDetail::readIpv4(p, end, &nbo) != nullptr;
+               if (v.find_first_not_of("0123456789./") == std::string_view::npos) {
+                 EXPECT_EQ(quad, std::count(v.begin(), v.end(), '.') == 3 && v.rfind('.') + 1 < v.size()) << v;
+               }
+               Ip6Addr a;
+               ipDetail::readIp6(p, end, &a);
+               p = heap.get();
+               ipDetail::readIp6AndLen(p, end, &a, &len);
+               ipDetail::familyOfText(heap.get(), end);
+               readWithinCut<IpAddr>(cut);
+               readWithinCut<Prefix>(cut);
+               readWithinCut<IpAddrWithMask>(cut);
+               readWithinCut<Ip6Addr>(cut);
+               readWithinCut<Ip6Prefix>(cut);
+               readWithinCut<Ip6AddrWithFullMask>(cut);
                readWithinCut<IpGenAddr>(cut);
                readWithinCut<IpGenPrefix>(cut);
                readWithinCut<IpGenAddrWithMask>(cut);
                readWithinCut<IpGenAddrWithFullMask>(cut);
                readWithinCut<TristateIpGenAddr>(cut);
                readWithinCut<IpGenPrefixSet>(cut);
+               errorOf([&] { Ip6Addr().stringValueExpandedIs(cut); });
                IpGenAddrWithFullMask m;
                errorOf([&] { m.handleInitialized(cut); });
              });

@@ -71,22 +71,6 @@ TEST(IpAddrWithFullMaskText, RecordStrepReadsBack) {
             "Invalid IpAddr");
 }
 
-// Every cut of a good text is read without touching what lies past the cut:
-// the answer may only depend on the bytes before it.
-TEST(IpAddrText, EveryPrefixOfAGoodTextReadsWithinItsEnd) {
-  forEachCut({"255.255.255.255", "10.0.0.0/8", "192.168.100.200/24"}, [](String const& cut) {
-    std::size_t const k = cut.bytes();
-    auto const heap = exactCopy(cut.view());
-    U32 nbo;
-    auto const v = cut.view();
-    bool const quadComplete = std::count(v.begin(), v.end(), '.') == 3 && v.rfind('.') + 1 < k;
-    EXPECT_EQ(ipDetail::readIpv4(heap.get(), heap.get() + k, &nbo) != nullptr, quadComplete) << cut.str();
-    readWithinCut<IpAddr>(cut);
-    readWithinCut<Prefix>(cut);
-    readWithinCut<IpAddrWithMask>(cut);
-  });
-}
-
 // The reader against inet_pton on generated good and bad texts. The only
 // differences allowed are the ones kept on purpose:
 //  - an octet with a leading zero: decimal here ("010" is 10), refused by
