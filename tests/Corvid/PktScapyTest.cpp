@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/PktCases.h"
+
 namespace Corvid {
 namespace {
 
@@ -48,25 +50,7 @@ std::vector<std::string> runLines(std::string const& command) {
   return lines;
 }
 
-std::string fromHex(std::string const& hex) {
-  std::string out(hex.size() / 2, '\0');
-  for (std::size_t i = 0; i < out.size(); ++i) out[i] = static_cast<char>(std::stoi(hex.substr(2 * i, 2), nullptr, 16));
-  return out;
-}
-
-std::string toHex(std::string const& bytes) {
-  static char const digits[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : bytes) out += {digits[c >> 4], digits[c & 15]};
-  return out;
-}
-
-Brio::Ptr<Pkt> exactPkt(std::string const& bytes) {
-  Brio::Ptr<Pkt> pkt = Brio::makePtr<Pkt>();
-  pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(static_cast<U32>(bytes.size())));
-  pkt->stringValueIs(Brio::String(bytes));
-  return pkt;
-}
+using namespace CorvidTest;
 
 // --- scapy builds; the wrappers read it and write it back ----------------------------
 

@@ -7,29 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "support/PktCases.h"
+
 namespace Corvid {
 namespace {
 
-testing::Matcher<std::string const&> assertion(std::string const& text) {
-  return testing::HasSubstr("Assertion failed: " + text + "\n");
-}
-
-// Hex digits in pairs; spaces between them are ignored.
-std::string fromHex(std::string hex) {
-  std::erase(hex, ' ');
-  std::string out;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-  return out;
-}
-
-// A packet whose data fills its buffer exactly: the bytes end where the
-// allocation ends, so a read past the packet is a read past the heap block.
-Brio::Ptr<Pkt> exactPkt(std::string const& bytes) {
-  Brio::Ptr<Pkt> pkt = Brio::makePtr<Pkt>();
-  pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(static_cast<U32>(bytes.size())));
-  pkt->stringValueIs(Brio::String(bytes));
-  return pkt;
-}
+using namespace CorvidTest;
 
 std::string const ethIp4 = fromHex("00112233445566778899aabb0800");
 std::string const ethIp6 = fromHex("333300000001020000000001" "86dd");
