@@ -179,8 +179,8 @@ TEST(EthAddrWithMask, RecordFormAttrLogAndOrder) {
   EthAddrWithMask m(a, EthAddr("ff:ff:ff:00:00:00"));
   EXPECT_EQ(expectStrepRoundTrip(m),
             "Value('Corvid::EthAddrWithMask', ** {'mac': 00:1c:73:0a:0b:0c, 'mask': ff:ff:ff:00:00:00})");
-  EXPECT_LT(m, EthAddrWithMask(a, EthAddr("ff:ff:ff:ff:00:00")));
-  EXPECT_LT(m, EthAddrWithMask(EthAddr("00:1c:73:0a:0b:0d"), EthAddr()));
+  expectAscending(std::vector<EthAddrWithMask>{m, EthAddrWithMask(a, EthAddr("ff:ff:ff:ff:00:00")),
+                                               EthAddrWithMask(EthAddr("00:1c:73:0a:0b:0d"), EthAddr())});
   EXPECT_NE(m.hash(1), EthAddrWithMask(m.mask(), m.mac()).hash(1));
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/PktCases.h"
+#include "support/ValueCases.h"
 
 namespace Corvid {
 namespace {
@@ -367,34 +368,32 @@ std::string option(U8 type, U8 length) {
 }
 
 TEST(GetIcmp6Opt, WalksOptionsWithTheCodesForEveryLengthShape) {
+  char const* const zero = "Option length cannot be zero.";
+  char const* const exceeds = "Option length exceeds pkt length.";
   struct Case {
     char const* name;
     std::string options;
     PktErrors code;
+    char const* trace;
     int foundAt;
   } const cases[] = {
-      {"no options", "", noError, -1},
-      {"one stray byte", "\x01", noError, -1},
-      {"found", option(1, 1), noError, 0},
-      {"last match wins", option(1, 1) + option(3, 4) + option(1, 2), noError, 40},
-      {"other types only", option(2, 1) + option(5, 1), noError, -1},
-      {"zero length", option(2, 1) + option(1, 0) + std::string(6, '\0'), icmp6OptLenZero, -1},
-      {"longer than the payload", option(1, 1) + option(3, 4).substr(0, 16), icmp6OptLenExceedPayloadLen, 0},
-      {"two bytes left: looked at once more", option(1, 1) + std::string(2, '\x01'), icmp6OptLenExceedPayloadLen, 0},
-      {"one byte left", option(1, 1) + std::string(1, '\x01'), noError, 0},
-      {"three bytes left", option(1, 1) + std::string("\x01\x01\x01", 3), icmp6OptLenExceedPayloadLen, 0},
+      {"no options", "", noError, "", -1},
+      {"one stray byte", "\x01", noError, "", -1},
+      {"found", option(1, 1), noError, "", 0},
+      {"last match wins", option(1, 1) + option(3, 4) + option(1, 2), noError, "", 40},
+      {"other types only", option(2, 1) + option(5, 1), noError, "", -1},
+      {"zero length", option(2, 1) + option(1, 0) + std::string(6, '\0'), icmp6OptLenZero, zero, -1},
+      {"longer than the payload", option(1, 1) + option(3, 4).substr(0, 16), icmp6OptLenExceedPayloadLen, exceeds, 0},
+      {"two bytes left: looked at once more", option(1, 1) + std::string(2, '\x01'), icmp6OptLenExceedPayloadLen,
+       exceeds, 0},
+      {"one byte left", option(1, 1) + std::string(1, '\x01'), noError, "", 0},
+      {"three bytes left", option(1, 1) + std::string("\x01\x01\x01", 3), icmp6OptLenExceedPayloadLen, exceeds, 0},
   };
   for (auto const& c : cases) {
-    OptResult r = optionWalk(c.options);
-    EXPECT_EQ(r.code, c.code) << c.name;
+    OptResult r;
+    expectResult(traced([&] { return (r = optionWalk(c.options)).code; }), c.code, c.trace, c.name);
     EXPECT_EQ(r.foundAt, c.foundAt) << c.name;
   }
-  std::string const trace = traced([] {
-                              optionWalk(option(1, 0));
-                              return optionWalk(option(1, 2).substr(0, 8)).code;
-                            }).trace;
-  EXPECT_THAT(trace, testing::HasSubstr("Option length cannot be zero."));
-  EXPECT_THAT(trace, testing::HasSubstr("Option length exceeds pkt length."));
 }
 
 TEST(GetIcmp6Opt, OnlySolicitationsAndAdvertisementsOfNeighboursAndRoutersSolicitationsHaveOptions) {
@@ -412,17 +411,15 @@ TEST(PseudoHdr, LaysOutTheSummedBytesAndPrintsAsARecord) {
   Icmp6PseudoHdr const pseudo(src, dst, 32);
   std::string const bytes(reinterpret_cast<char const*>(&pseudo), sizeof(pseudo));
   EXPECT_EQ(bytes, fromHex("fe800000000000000000000000000001" "ff0200000000000000000001ff000001" "00000020" "0000" "00" "3a"));
-  EXPECT_EQ(valueToStrep(pseudo),
+  EXPECT_EQ(expectStrepRoundTrip(pseudo),
             "Value('Corvid::Icmp6PseudoHdr', ** {'src': fe80::1, 'dst': ff02::1:ff00:1, 'icmp6Len': 32, "
             "'zeros16': 0, 'zeros8': 0, 'nextHeader': 58})");
-  EXPECT_EQ(Brio::strepToValue(valueToStrep(pseudo), static_cast<Icmp6PseudoHdr*>(nullptr)), pseudo);
-  EXPECT_LT(Icmp6PseudoHdr(src, dst, 31), pseudo);
-  EXPECT_LT(pseudo, Icmp6PseudoHdr(dst, src, 0));
+  expectAscending(std::vector<Icmp6PseudoHdr>{Icmp6PseudoHdr(src, dst, 31), pseudo, Icmp6PseudoHdr(dst, src, 0)});
   EXPECT_NE(std::hash<Icmp6PseudoHdr>()(pseudo), std::hash<Icmp6PseudoHdr>()(Icmp6PseudoHdr(src, dst, 31)));
 
   TcpPseudoHdr const tcp(IpAddr(10, 0, 0, 1), IpAddr(10, 0, 0, 2), 0, ipProtoTcp, 20);
   EXPECT_EQ(std::string(reinterpret_cast<char const*>(&tcp), sizeof(tcp)), fromHex("0a0000010a0000020006" "0014"));
-  EXPECT_EQ(Brio::strepToValue(valueToStrep(tcp), static_cast<TcpPseudoHdr*>(nullptr)), tcp);
+  expectStrepRoundTrip(tcp);
 }
 
 }  // namespace
