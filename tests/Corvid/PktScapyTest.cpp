@@ -182,7 +182,12 @@ struct Verdicts {
       IpHdr* hdr = nullptr;
       PktErrors const code = checkEthIpHdr(pkt, eth, hdr);
       if (code != (ok ? noError : badIpHdrChecksum)) problems.push_back("checkEthIpHdr gave " + num(-code));
-      w->checksumIs(wire);  // a mismatch leaves the field zeroed
+      if (reinterpret_cast<U8*>(eth) != pkt->frontData() || reinterpret_cast<U8*>(hdr) != pkt->frontData() + 14) {
+        problems.push_back("checkEthIpHdr pointed elsewhere");
+      }
+      // A match leaves the field as it was, a mismatch zeroes it.
+      if (w->checksum() != (ok ? wire : 0)) problems.push_back("checkEthIpHdr left checksum " + num(w->checksum()));
+      w->checksumIs(wire);
     }
     v6 = false;
     src4 = w->src();
