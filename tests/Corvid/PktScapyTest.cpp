@@ -217,10 +217,16 @@ struct Verdicts {
     U16 const wire = w->checksum();
     bool const ok = checksumValid(*w);
     if (off == 54 && ip6 && end == pkt->bytes()) {
-      // The library's own check, which leaves the field zero: put it back.
+      // The library's own check, which leaves the field zero, and its signer,
+      // which must sign over whatever the field holds as scapy does.
       Icmp6Hdr* hdr = nullptr;
       PktErrors const code = checkIcmp6CheckSum(ip6, hdr);
       if (code != (ok ? noError : badIcmp6Checksum)) problems.push_back("checkIcmp6CheckSum gave " + num(-code));
+      if (reinterpret_cast<U8*>(hdr) != pkt->frontData() + off || w->checksum() != 0) {
+        problems.push_back("checkIcmp6CheckSum pointed elsewhere or left the field");
+      }
+      w->checksumIs(wire);
+      if (setIcmp6CheckSum(ip6, hdr) != noError || (ok && w->checksum() != wire)) problems.push_back("setIcmp6CheckSum");
       w->checksumIs(wire);
     }
     return {{"checksumOk", num(ok)}};

@@ -292,22 +292,16 @@ TEST(CheckEthIp6Hdr, CodesAndTracesFollowTheFirstFailedCheckAndEveryTruncationIs
       54, checkIp6);
 }
 
-TEST(CheckIcmp6CheckSum, VerifiesUnderThePseudoHeaderAndLeavesTheFieldZero) {
+// Where the check points, the field it leaves zero and setIcmp6CheckSum's
+// sum are held on every ICMPv6 frame scapy builds; here codes and traces.
+TEST(CheckIcmp6CheckSum, CodesAndTracesFollowTheFirstFailedCheck) {
   std::string frame = signedIp6Frame(nsMessage);
   auto* ip6 = reinterpret_cast<Ip6Hdr*>(frame.data() + 14);
   Icmp6Hdr* icmp6 = nullptr;
   auto const check = [&] { return traced([&] { return checkIcmp6CheckSum(ip6, icmp6); }); };
-  U16 const signedValue = reinterpret_cast<Icmp6Hdr*>(frame.data() + 54)->checksum.value();
-  EXPECT_NE(signedValue, 0);
   expectResult(check(), noError, "");
-  EXPECT_EQ(reinterpret_cast<char*>(icmp6), frame.data() + 54);
-  EXPECT_EQ(icmp6->checksum.value(), 0);
-  EXPECT_EQ(setIcmp6CheckSum(ip6, icmp6), noError);
-  EXPECT_EQ(icmp6->checksum.value(), signedValue);
-
   frame[60] ^= 1;  // reserved bits: the sum no longer matches
   expectResult(check(), badIcmp6Checksum, "Icmp6 checksum is invalid");
-  EXPECT_EQ(icmp6->checksum.value(), 0);
   ip6->payloadLength.valueIs(3);
   expectResult(check(), badIp6PayloadLen, "IP6 payload is too small to contain Icmp6");
   ip6->nextHeader = ipProtoUdp;
