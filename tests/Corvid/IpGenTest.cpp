@@ -84,18 +84,8 @@ TEST(IpText, EveryCutOfAGoodTextIsReadWithinItsEnd) {
                p = heap.get();
                ipDetail::readIp6AndLen(p, end, &a, &len);
                ipDetail::familyOfText(heap.get(), end);
-               readWithinCut<IpAddr>(cut);
-               readWithinCut<Prefix>(cut);
-               readWithinCut<IpAddrWithMask>(cut);
-               readWithinCut<Ip6Addr>(cut);
-               readWithinCut<Ip6Prefix>(cut);
-               readWithinCut<Ip6AddrWithFullMask>(cut);
-               readWithinCut<IpGenAddr>(cut);
-               readWithinCut<IpGenPrefix>(cut);
-               readWithinCut<IpGenAddrWithMask>(cut);
-               readWithinCut<IpGenAddrWithFullMask>(cut);
-               readWithinCut<TristateIpGenAddr>(cut);
-               readWithinCut<IpGenPrefixSet>(cut);
+               readWithinCut<IpAddr, Prefix, IpAddrWithMask, Ip6Addr, Ip6Prefix, Ip6AddrWithFullMask, IpGenAddr,
+                             IpGenPrefix, IpGenAddrWithMask, IpGenAddrWithFullMask, TristateIpGenAddr, IpGenPrefixSet>(cut);
                errorOf([&] { Ip6Addr().stringValueExpandedIs(cut); });
                IpGenAddrWithFullMask m;
                errorOf([&] { m.handleInitialized(cut); });

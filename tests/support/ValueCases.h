@@ -139,12 +139,15 @@ ReadAt readAt(Brio::String const& text) {
   return {Brio::strep(v).str(), static_cast<std::size_t>(pos - text.begin())};
 }
 
-// Reads a T at the start of a cut: accepted or refused, never past its end.
-template <class T>
+// Reads each T at the start of a cut: accepted or refused, never past its end.
+template <class... T>
 void readWithinCut(Brio::String const& cut) {
-  Brio::StringIter pos = cut.begin();
-  errorOf([&] { sequenceToValue(pos, cut.end(), static_cast<T*>(nullptr)); });
-  EXPECT_LE(pos - cut.begin(), static_cast<long>(cut.bytes())) << cut.str();
+  auto one = [&cut]<class V>(V* type) {
+    Brio::StringIter pos = cut.begin();
+    errorOf([&] { sequenceToValue(pos, cut.end(), type); });
+    EXPECT_LE(pos - cut.begin(), static_cast<long>(cut.bytes())) << cut.str();
+  };
+  (one(static_cast<T*>(nullptr)), ...);
 }
 
 // Exactly text.size() heap bytes: a raw reader looking past the end shows
