@@ -7,14 +7,12 @@
 
 #include <algorithm>
 #include <random>
-#include <sstream>
 
 #include "support/ValueCases.h"
 
 using namespace Corvid;
 using namespace CorvidTest;
 using Brio::String;
-using Brio::strep;
 
 namespace {
 
@@ -28,19 +26,11 @@ TEST(Ip6AddrText, ReadsAndPrintsTheTable) {
   char const* const colon = "Ip6Addr: ':' expected";
   char const* const hex = "Ip6Addr: hex digit expected";
   auto const whole = stringValueIsOver<Ip6Addr>("fe80::1");
+  // Good texts read alone are held against inet_pton and inet_ntop below; here
+  // the dotted quad's own rules and what stops at trailing characters.
   checkRows<Ip6Addr>(
       {
-          {"::", "::", nullptr, 2}, {"::1", "::1", nullptr, 3}, {"1::", "1::", nullptr, 3},
-          {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1", nullptr, 20},     // first of two equal runs
-          {"2001:db8:0:1:1:1:1:1", "2001:db8:0:1:1:1:1:1", nullptr, 20},  // a single zero stays
-          {"2001:db8:0:0:1:0:0:0", "2001:db8:0:0:1::", nullptr, 20},      // the longer run wins
-          {"2001:DB8::ABCD", "2001:db8::abcd", nullptr, 14},  {"fe80:0:0:0:0:0:0:0", "fe80::", nullptr, 18},
-          {"0:0:0:0:0:0:0:0", "::", nullptr, 15},             {"0000:0000::0001", "::1", nullptr, 15},
-          {"::ffff:10.0.0.1", "::ffff:10.0.0.1", nullptr, 15}, {"::ffff:a00:1", "::ffff:10.0.0.1", nullptr, 12},
-          {"::ffff:010.0.0.1", "::ffff:10.0.0.1", nullptr, 16}, {"::1.2.3.4", "::102:304", nullptr, 9},
-          {"1:2:3:4:5:6:1.2.3.4", "1:2:3:4:5:6:102:304", nullptr, 19},
-          {"1::3:4:5:6:1.2.3.4", "1:0:3:4:5:6:102:304", nullptr, 18},
-          {"1:2:3:4:5:6:7::", "1:2:3:4:5:6:7:0", nullptr, 15}, {"::2:3:4:5:6:7:8", "0:2:3:4:5:6:7:8", nullptr, 15},
+          {"::", "::", nullptr, 2}, {"::ffff:010.0.0.1", "::ffff:10.0.0.1", nullptr, 16},
           {"1::2/64", "1::2", trailing, 4},                   {"1:2:3:4:5:6:7:8x", "1:2:3:4:5:6:7:8", trailing, 15},
           {"::1.2.3.4:5", "::102:304", trailing, 9},          {"fe80::1 ", "fe80::1", trailing, 7},
       },
@@ -106,24 +96,6 @@ TEST(Ip6AddrText, ExpandedFormIsEightFullGroups) {
   });
 }
 
-TEST(Ip6AddrText, EveryPrefixOfAGoodTextReadsWithinItsEnd) {
-  forEachCut({"2001:db8:85a3::8a2e:370:7334/64", "::ffff:192.168.100.200", "fe80::1/ffff:ffff::", "1:2:3:4:5:6:7:8"},
-             [](String const& cut) {
-               auto const heap = exactCopy(cut.view());
-               char const* p = heap.get();
-               char const* const end = heap.get() + cut.bytes();
-               Ip6Addr a;
-               U32 len;
-               ipDetail::readIp6(p, end, &a);
-               p = heap.get();
-               ipDetail::readIp6AndLen(p, end, &a, &len);
-               readWithinCut<Ip6Addr>(cut);
-               readWithinCut<Ip6Prefix>(cut);
-               readWithinCut<Ip6AddrWithFullMask>(cut);
-               errorOf([&] { Ip6Addr().stringValueExpandedIs(cut); });
-             });
-}
-
 // Random addresses rich in zero runs, printed by both. The one class that
 // differs on purpose: IPv4-compatible addresses (first 96 bits zero, group 6
 // non-zero), which inet_ntop writes as ::a.b.c.d. RFC 4291 deprecated them
@@ -164,59 +136,65 @@ TEST(Ip6AddrText, PrintingAgreesWithInetNtopOnAMillionAddresses) {
   EXPECT_GT(mapped, 1000);
 }
 
-// The reader against inet_pton on generated good and bad texts. The only
-// difference kept: a trailing dotted quad is read by the IPv4 reader, so its
-// octets may carry leading zeros (or be absurdly long runs read modulo
-// 2^32), which inet_pton refuses.
-TEST(Ip6AddrText, ReadingAgreesWithInetPtonExceptTheDottedQuadRules) {
-  std::mt19937 rng(66);
+// The reader against inet_pton on generated texts: groups of one to four
+// digits in both cases (now and then five), "::" anywhere, dotted quads,
+// one in three texts with random edits. The only difference kept: a
+// trailing dotted quad is read by the IPv4 reader, so its octets may carry
+// leading zeros (or be absurdly long runs read modulo 2^32), which inet_pton
+// refuses. Each text inet_pton takes is also read followed by a short tail
+// and by a long one (more than the reader classifies at once): the value
+// and the characters taken must not depend on what follows, so every group
+// end falls on every offset.
+TEST(Ip6AddrText, ReadingAgreesWithInetPtonWhateverFollows) {
+  std::mt19937 rng(613);
   auto pick = [&](unsigned n) { return static_cast<unsigned>(rng() % n); };
-  auto group = [&]() -> std::string {
-    char buf[8];
-    switch (pick(8)) {
-      case 0: return "0";
-      case 1: std::snprintf(buf, sizeof buf, "%05x", pick(0x1000)); return buf;  // five digits
-      case 2: std::snprintf(buf, sizeof buf, "%X", pick(0x10000)); return buf;
-      case 3: std::snprintf(buf, sizeof buf, "%x", 0x10000 + pick(0x1000)); return buf;
-      default: std::snprintf(buf, sizeof buf, "%x", pick(0x10000)); return buf;
-    }
-  };
   auto octet = [&]() -> std::string {
-    unsigned const r = pick(8);
+    unsigned const r = pick(16);
     return (r == 0 ? "0" : "") + std::to_string(pick(r == 1 ? 400 : 256));
   };
-  std::string const noise = "0123456789abcdefABCDEFg:./ x";
-  int deliberate = 0, accepted = 0;
-  for (int i = 0; i < 300000; ++i) {
-    unsigned const groups = pick(9), gapAt = pick(12);
+  std::string const tails[] = {"", "/64", " ", std::string(1, '\0') + "ff", "/" + std::string(60, 'a'),
+                               " " + std::string(50, ':'), "%eth0" + std::string(50, '.')};
+  int deliberate = 0, taken = 0, quads = 0;
+  for (int i = 0; i < 400000; ++i) {
     std::string t;
-    for (unsigned k = 0; k < groups; ++k) t += (k == gapAt ? "::" : k ? ":" : "") + group();
-    if (gapAt >= groups && pick(3) == 0) t += "::";
-    if (pick(4) == 0) t += (t.empty() || t.back() == ':' ? "" : ":") + octet() + "." + octet() + "." + octet() + "." + octet();
-    for (unsigned m = pick(3); m > 0; --m) {
-      std::size_t const at = pick(static_cast<unsigned>(t.size()) + 1);
-      switch (pick(3)) {
-        case 0: t.insert(at, 1, noise[pick(static_cast<unsigned>(noise.size()))]); break;
-        case 1: if (at < t.size()) t.erase(at, 1); break;
-        default: t.resize(at);
-      }
+    unsigned const gapAt = pick(10);
+    bool const quad = pick(4) == 0;
+    unsigned const groups = (gapAt < 8 ? pick(quad ? 5 : 7) : (quad ? 6 : 8)) + (pick(16) == 0);
+    for (unsigned k = 0; k < groups; ++k) {
+      char buf[8];
+      unsigned const digits = 1 + pick(pick(16) ? 4 : 5);
+      std::snprintf(buf, sizeof buf, pick(2) ? "%0*x" : "%0*X", static_cast<int>(digits), pick(1u << (4 * digits)));
+      t += (k == gapAt ? "::" : k ? ":" : "") + std::string(buf);
     }
+    if (gapAt >= groups && gapAt < 8) t += "::";
+    if (quad) t += (t.empty() || t.back() == ':' ? "" : ":") + octet() + "." + octet() + "." + octet() + "." + octet();
+    if (pick(3) == 0) mutate(t, rng, "0123456789abcdefABCDEFg:./ x");
     in6_addr c;
     bool const cOk = inet_pton(AF_INET6, t.c_str(), &c) == 1;
     Ip6Addr ours;
     bool const ok = errorOf([&] { ours.stringValueIs(String(t)); }).empty();
-    accepted += ok;
-    if (ok == cOk && (!ok || std::memcmp(ours.bytes(), &c, 16) == 0)) continue;
-    ASSERT_TRUE(ok && !cOk) << t;
-    std::string const quad = t.substr(t.rfind(':') + 1);  // the whole text when there is no colon
-    bool oddOctet = false;
-    std::stringstream parts(quad);
-    for (std::string o; std::getline(parts, o, '.');) oddOctet = oddOctet || (o.size() > 1 && o[0] == '0') || o.size() > 3;
-    ASSERT_TRUE(quad.find('.') != std::string::npos && oddOctet) << t;
-    ++deliberate;
+    if (ok != cOk || (ok && std::memcmp(ours.bytes(), &c, 16) != 0)) {
+      ASSERT_TRUE(ok && !cOk) << t;
+      std::string const last = t.substr(t.rfind(':') + 1);  // the whole text when there is no colon
+      ASSERT_TRUE(last.find('.') != std::string::npos && hasOddOctet(last)) << t;
+      ++deliberate;
+    }
+    if (!cOk) continue;
+    ++taken;
+    quads += t.find('.') != std::string::npos;
+    for (auto const& tail : tails) {
+      String const text(t + tail);
+      Brio::StringIter pos = text.begin();
+      Ip6Addr a;
+      std::string const err = errorOf([&] { a = sequenceToValue(pos, text.end(), static_cast<Ip6Addr*>(nullptr)); });
+      ASSERT_EQ(err, "") << t << " then " << tail.substr(0, 4);
+      ASSERT_EQ(pos - text.begin(), static_cast<std::ptrdiff_t>(t.size())) << t << " then " << tail.substr(0, 4);
+      ASSERT_EQ(std::memcmp(a.bytes(), &c, 16), 0) << t << " then " << tail.substr(0, 4);
+    }
   }
   EXPECT_GT(deliberate, 0);
-  EXPECT_GT(accepted, 10000);
+  EXPECT_GT(taken, 200000);
+  EXPECT_GT(quads, 10000);
 }
 
 TEST(Ip6Addr, PredicatesFollowTheirBlocks) {
@@ -283,23 +261,8 @@ TEST(Ip6Addr, ElementAccessByIndexInHostOrder) {
   EXPECT_EQ(a, ip6("fe80::"));
 }
 
-TEST(Ip6Addr, NamedConstantsHoldTheirAddresses) {
-  std::pair<Brio::String, char const*> const constants[] = {
-      {strep(ip6AddrZero), "::"},          {strep(ip6AddrAllNodes), "ff02::1"},   {strep(ip6AddrAllRouters), "ff02::2"},
-      {strep(ip6AddrAllHosts), "ff02::3"}, {strep(ip6AddrVrrp), "ff02::12"},      {strep(ip6AddrLoopback), "::1"},
-      {strep(ip6AddrLinkLocalBase), "ff02::"}, {strep(ip6AddrPimRouters), "ff02::d"}, {strep(ip6AddrMld), "ff02::16"},
-      {strep(ip6AddrV4MappedLoopback), "::ffff:127.0.0.1"},
-      {strep(ip6AddrV4MappedLoopbackBase), "::ffff:127.0.0.0"},
-      {strep(ip6LinkLocalPrefix), "fe80::/10"}, {strep(ip6SiteLocalPrefix), "fec0::/10"},
-      {strep(ip6UniqueLocalPrefix), "fc00::/7"},
-  };
-  for (auto const& [text, want] : constants) EXPECT_EQ(text.str(), want);
-}
-
 TEST(Ip6Addr, OrderIsNumericAndHashesChainWang) {
-  EXPECT_LT(ip6("::1"), ip6("::2"));
-  EXPECT_LT(ip6("fe80::ffff"), ip6("fe80::1:0"));
-  EXPECT_LT(ip6("2001:db8::"), ip6("fe80::"));
+  expectAscending<Ip6Addr>({"::1", "::2", "2001:db8::", "fe80::ffff", "fe80::1:0"});
   // Values computed independently from the published steps.
   EXPECT_EQ(ip6("::").hash(), 0xe0bda6d1u);
   EXPECT_EQ(ip6("2001:db8::1").hash(), 0x2739abbdu);
@@ -336,13 +299,9 @@ TEST(Ip6Prefix, ContainmentValidityAndSubnetHost) {
 }
 
 TEST(Ip6PrefixOrder, MostSpecificFirstOtherwiseByAddress) {
-  std::vector<Ip6Prefix> const v = {p6("2001:db8::/32"), p6("::/0"), p6("2001:db8:1::/48"), p6("2001:db7::/32"),
-                                    p6("2001:db8::/128")};
-  EXPECT_EQ(sortedTexts(v, [](Ip6Prefix const& p) { return Brio::strep(p).str(); }),
-            (std::vector<std::string>{"2001:db7::/32", "2001:db8::/128", "2001:db8:1::/48", "2001:db8::/32", "::/0"}));
+  expectAscending<Ip6Prefix>({"2001:db7::/32", "2001:db8::/128", "2001:db8:1::/48", "2001:db8::/32", "::/0"});
   // Interface addresses use the prefix order too, unlike IPv4's shorter-first.
   EXPECT_LT(Ip6AddrWithMask(ip6("2001:db8::1"), 64), Ip6AddrWithMask(ip6("2001:db8::1"), 48));
-  EXPECT_LT(IpAddrWithMask(IpAddr(10, 0, 0, 1), 16), IpAddrWithMask(IpAddr(10, 0, 0, 1), 24));
 }
 
 TEST(Ip6AddrWithMask, SubnetMasksTheAddress) {
@@ -364,46 +323,3 @@ TEST(Ip6AttrLog, AddressesAreTheirSixteenBytesInOrder) {
 }
 
 }  // namespace
-
-// The same address read alone, followed by a short tail and followed by a
-// long one (more than the reader classifies at once): the value and the
-// characters taken must not depend on what follows, and must match
-// inet_pton. Groups of one to four digits in both cases, "::" anywhere,
-// and dotted quads, so every group end falls on every offset.
-TEST(Ip6AddrText, WhatFollowsTheAddressDoesNotChangeTheReading) {
-  std::mt19937 rng(613);
-  auto pick = [&](unsigned n) { return static_cast<unsigned>(rng() % n); };
-  std::string const tails[] = {"", "/64", " ", std::string(1, '\0') + "ff", "/" + std::string(60, 'a'),
-                               " " + std::string(50, ':'), "%eth0" + std::string(50, '.')};
-  int quads = 0;
-  for (int i = 0; i < 200000; ++i) {
-    std::string t;
-    unsigned const gapAt = pick(10);
-    bool const quad = pick(4) == 0;
-    unsigned const groups = gapAt < 8 ? pick(quad ? 5 : 7) : (quad ? 6 : 8);
-    for (unsigned k = 0; k < groups; ++k) {
-      char buf[8];
-      unsigned const digits = 1 + pick(4);
-      std::snprintf(buf, sizeof buf, pick(2) ? "%0*x" : "%0*X", static_cast<int>(digits), pick(1u << (4 * digits)));
-      t += (k == gapAt ? "::" : k ? ":" : "") + std::string(buf);
-    }
-    if (gapAt >= groups && gapAt < 8) t += "::";
-    if (quad) {
-      t += (t.empty() || t.back() == ':' ? "" : ":") + std::to_string(pick(256)) + "." + std::to_string(pick(256)) +
-           "." + std::to_string(pick(256)) + "." + std::to_string(pick(256));
-      ++quads;
-    }
-    in6_addr c;
-    ASSERT_EQ(inet_pton(AF_INET6, t.c_str(), &c), 1) << t;
-    for (auto const& tail : tails) {
-      String const text(t + tail);
-      Brio::StringIter pos = text.begin();
-      Ip6Addr a;
-      std::string const err = errorOf([&] { a = sequenceToValue(pos, text.end(), static_cast<Ip6Addr*>(nullptr)); });
-      ASSERT_EQ(err, "") << t << " then " << tail.substr(0, 4);
-      ASSERT_EQ(pos - text.begin(), static_cast<std::ptrdiff_t>(t.size())) << t << " then " << tail.substr(0, 4);
-      ASSERT_EQ(std::memcmp(a.bytes(), &c, 16), 0) << t << " then " << tail.substr(0, 4);
-    }
-  }
-  EXPECT_GT(quads, 10000);
-}

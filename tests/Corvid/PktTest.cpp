@@ -4,20 +4,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
+#include <functional>
 #include <random>
-#include <sstream>
+#include <set>
 #include <string>
 #include <vector>
+
+#include "support/PktCases.h"
 
 namespace Corvid {
 namespace {
 
-// Death tests match the whole assertion line, so a longer expression that
-// merely contains the expected one does not pass.
-testing::Matcher<std::string const&> assertion(std::string const& text) {
-  return testing::HasSubstr("Assertion failed: " + text + "\n");
-}
+using namespace CorvidTest;
 
 Brio::Ptr<Pkt> pktWith(std::string const& bytes, U32 bufferSize = Pkt::Manager::initialBufferSize) {
   Brio::Ptr<Pkt> pkt = Brio::makePtr<Pkt>();
@@ -26,15 +26,8 @@ Brio::Ptr<Pkt> pktWith(std::string const& bytes, U32 bufferSize = Pkt::Manager::
   return pkt;
 }
 
-std::string hex(std::string const& s) {
-  std::ostringstream out;
-  for (unsigned char c : s) out << "0123456789abcdef"[c >> 4] << "0123456789abcdef"[c & 15];
-  return out.str();
-}
-
 TEST(PktManager, NewPktIsEmptyWithAllOfTheDefaultBufferAsHeadroom) {
   Brio::Ptr<Pkt> pkt = globalPktManager()->newPkt();
-  EXPECT_EQ(globalPktManager()->name(), "Pkt::Manager");
   EXPECT_EQ(pkt->bytes(), 0u);
   EXPECT_EQ(pkt->sharedBuffer()->headroom(), 1536u);
   EXPECT_EQ(pkt->firstIoVec(), 1);
@@ -56,26 +49,6 @@ TEST(PktManager, BufferSizeSettingNotifiesAndSizesLaterPackets) {
   watcher.notifierIs(nullptr);
 }
 
-TEST(PktPrivateHead, PrivateBytesComeFirstAndSurviveGrowthOfTheSharedBuffer) {
-  Brio::Ptr<Pkt> pkt = pktWith("payload", 8);
-  pkt->newPrivateHeadData(3);
-  std::memcpy(pkt->privateBufferData(), "hdr", 3);
-  EXPECT_EQ(pkt->firstIoVec(), 0);
-  EXPECT_EQ(pkt->frontBytes(), 3u);
-  pkt->stringValueIs("big ");  // outgrows the 8-byte buffer
-  EXPECT_EQ(pkt->stringValue(), "hdrbig payload");
-  EXPECT_EQ(pkt->rawByte(2), 'r');
-  EXPECT_EQ(pkt->rawByte(3), 'b');
-  ASSERT_EQ(pkt->ioVecCount(), 2u);
-  EXPECT_EQ(pkt->ioVecs()[0].iov_len, 3u);
-  EXPECT_EQ(pkt->ioVecs()[1].iov_len, 11u);
-  pkt->delPrivateHeadData(3);  // iovec 0 stays, with length 0
-  EXPECT_EQ(pkt->firstIoVec(), 0);
-  EXPECT_EQ(pkt->frontBytes(), 0u);
-  EXPECT_EQ(pkt->stringValue(), "big payload");
-  EXPECT_THROW(pkt->ioVec(2), Brio::RangeException);
-}
-
 TEST(PktPrivateHead, PacketWithoutSharedBufferViewsPrivateBytesInItsOnlyIovec) {
   Brio::Ptr<Pkt> pkt = Brio::makePtr<Pkt>();
   EXPECT_EQ(pkt->firstIoVec(), 2);
@@ -87,6 +60,7 @@ TEST(PktPrivateHead, PacketWithoutSharedBufferViewsPrivateBytesInItsOnlyIovec) {
   EXPECT_EQ(pkt->stringValue(), std::string(64, 'x'));
   pkt->delPrivateHeadData(60);
   EXPECT_EQ(pkt->stringValue(), "xxxx");
+  EXPECT_THROW(pkt->ioVec(2), Brio::RangeException);
 }
 
 TEST(PktShallowCopy, SharesTheBufferAndCarriesTheSeparateTag) {
@@ -110,12 +84,8 @@ TEST(PktShallowCopy, SharesTheBufferAndCarriesTheSeparateTag) {
 TEST(PktShallowCopy, RefusesAPacketWithPrivateHeadBytes) {
   Brio::Ptr<Pkt> pkt = pktWith("abc");
   pkt->newPrivateHeadData(1);
-  try {
-    globalPktManager()->newShallowCopy(pkt);
-    FAIL() << "no exception";
-  } catch (Brio::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "shallow copy of packet with non-shared data");
-  }
+  EXPECT_THAT([&] { globalPktManager()->newShallowCopy(pkt); },
+              testing::ThrowsMessage<Brio::RangeException>(testing::StrEq("shallow copy of packet with non-shared data")));
 }
 
 TEST(PktVlan, StringValueInsertsTheSeparateTagOnlyWhenBothMacsArePresent) {
@@ -125,14 +95,14 @@ TEST(PktVlan, StringValueInsertsTheSeparateTagOnlyWhenBothMacsArePresent) {
   Brio::Ptr<Pkt> pkt = pktWith(std::string(12, 'm'));
   EXPECT_EQ(pkt->stringValueMaybeWithVlan(), std::string(12, 'm'));
   pkt->newSeparateVlanTag(0x2064, 0x8100);
-  EXPECT_EQ(hex(pkt->stringValueMaybeWithVlan().str()), hex(std::string(12, 'm')) + "81002064");
+  EXPECT_EQ(toHex(pkt->stringValueMaybeWithVlan().str()), toHex(std::string(12, 'm')) + "81002064");
   // The twelve bytes may straddle the private and shared pieces.
   Brio::Ptr<Pkt> split = pktWith("MMMMMMMMMMxxyy");
   split->delSharedHeadData(2);
   split->newPrivateHeadData(2);
   std::memcpy(split->privateBufferData(), "MM", 2);
   split->newSeparateVlanTag(0x0005, 0x88A8);
-  EXPECT_EQ(hex(split->stringValueMaybeWithVlan().str()), hex("MMMMMMMMMMxx") + "88a80005" + hex("yy"));
+  EXPECT_EQ(toHex(split->stringValueMaybeWithVlan().str()), toHex("MMMMMMMMMMxx") + "88a80005" + toHex("yy"));
 }
 
 TEST(PktVlan, TciBitFieldsReadAndWriteIndependently) {
@@ -155,110 +125,80 @@ TEST(PktVlan, TciBitFieldsReadAndWriteIndependently) {
 // Frames: destination and source MAC, then what follows.
 std::string const macs = "\x01\x02\x03\x04\x05\x06\x11\x12\x13\x14\x15\x16";
 std::string frameWith(std::string const& rest) { return macs + rest; }
-std::string const tagged100 = frameWith(std::string("\x81\x00\xA0\x64\x08\x00" "IP", 8));
+// The frame with one tag of `tpid` and `tci` between the MACs and the EtherType.
+std::string withTag(U16 tpid, U16 tci) {
+  char const tag[] = {static_cast<char>(tpid >> 8), static_cast<char>(tpid), static_cast<char>(tci >> 8),
+                      static_cast<char>(tci)};
+  return frameWith(std::string(tag, 4) + std::string("\x08\x00" "IP", 4));
+}
+
+std::string const tagged100 = withTag(0x8100, 0xA064);
 std::string const untagged = frameWith(std::string("\x08\x00" "IP", 4));
-std::string const qinq = frameWith(std::string("\x88\xA8\x20\x07\x08\x00" "IP", 8));
+std::string const qinq = withTag(0x88A8, 0x2007);
 
-TEST(PktVlanFunctions, VlanIdComesFromTheSeparateTagThenTheFrame) {
+// The separate tag as "tpid:tci" in hex, "" when there is none.
+std::string separateTag(Brio::Ptr<Pkt> const& pkt) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "%04x:%04x", pkt->vlanTpid(), pkt->tciField());
+  return pkt->tciPresent() ? buf : "";
+}
+
+// The VLAN vlanIdFromEthPkt must find after an edit: a separate 0x8100
+// tag's, else the frame's own tag's when it is a 0x8100 one, else none.
+U16 vlanOf(std::string const& frame, std::string const& tag) {
+  if (tag.starts_with("8100:")) return std::stoi(tag.substr(5), nullptr, 16) & 0xfff;
+  if (frame.size() < 16 || frame.compare(12, 2, "\x81\x00", 2) != 0) return 0;
+  return (static_cast<U8>(frame[14]) << 8 | static_cast<U8>(frame[15])) & 0xfff;
+}
+
+TEST(PktVlanFunctions, EachEditLeavesTheFrameTheSeparateTagAndTheVlanAsTabled) {
+  std::set<U16> const both{0x8100, 0x88A8}, dot1q{0x8100};
+  auto add = [](U16 vlan) { return [vlan](Brio::Ptr<Pkt> const& p) { addPktVlanTag(p, vlan); }; };
+  auto strip = [](std::set<U16> tpids) {
+    return [=](Brio::Ptr<Pkt> const& p) mutable { stripPktVlanTagSet(p, tpids); };
+  };
+  auto fixup = [](U16 vlan, bool on) { return [=](Brio::Ptr<Pkt> const& p) { fixupPktVlanTag(p, vlan, on); }; };
+  auto const offload = [](Brio::Ptr<Pkt> const& p) { maybeOffloadAnyVlanTag(p); };
   struct Case {
+    char const* name;
     std::string frame;
-    bool separate;
-    U16 separateTci, separateTpid, expected;
+    char const* tag;  // the separate tag before, as "tpid:tci"; "" for none
+    std::function<void(Brio::Ptr<Pkt> const&)> edit;
+    std::string after;
+    char const* tagAfter;
   } const cases[] = {
-      {tagged100, false, 0, 0, 100},      {untagged, false, 0, 0, 0},
-      {qinq, false, 0, 0, 0},             {untagged, true, 0xE00A, 0x8100, 10},
-      {tagged100, true, 0x0007, 0x88A8, 100},  // a non-0x8100 separate tag is skipped
-      {macs.substr(0, 10), false, 0, 0, 0},
+      {"add to an untagged frame", untagged, "", add(100), withTag(0x8100, 100), ""},
+      {"add pushes the separate tag in without its priority", untagged, "88a8:b00a", add(20), withTag(0x88A8, 10),
+       "8100:0014"},
+      {"strip 0x8100", tagged100, "", strip(dot1q), untagged, ""},
+      {"strip 0x8100 leaves 0x88a8", qinq, "", strip(dot1q), qinq, ""},
+      {"strip either", qinq, "", strip(both), untagged, ""},
+      {"strip untagged", untagged, "", strip(both), untagged, ""},
+      {"strip a frame too short to carry a tag", frameWith("\x81\x00\x00"), "", strip(both), frameWith("\x81\x00\x00"),
+       ""},
+      {"strip a frame shorter than its MACs", macs.substr(0, 10), "", strip(both), macs.substr(0, 10), ""},
+      {"plain strip: the outermost tag is the separate 0x88a8 one", tagged100, "88a8:0005",
+       [](Brio::Ptr<Pkt> const& p) { stripPktVlanTag(p); }, tagged100, "88a8:0005"},
+      {"strip takes the separate tag first", tagged100, "88a8:0005", strip(both), tagged100, ""},
+      {"offload keeps priority and CFI", withTag(0x88A8, 0xB007), "", offload, untagged, "88a8:b007"},
+      {"offload beside a separate tag", tagged100, "88a8:b007", offload, tagged100, "88a8:b007"},
+      {"offload untagged", untagged, "", offload, untagged, ""},
+      {"fixup keeps the frame's priority and CFI", withTag(0x8100, 0xB064), "", fixup(0x123, true), withTag(0x8100, 0xB123),
+       ""},
+      {"fixup strips", tagged100, "", fixup(0, false), untagged, ""},
+      {"fixup adds", untagged, "", fixup(7, true), withTag(0x8100, 7), ""},
+      {"fixup rewrites a separate 0x8100 tag", untagged, "8100:6005", fixup(9, true), untagged, "8100:6009"},
+      {"fixup pushes a separate 0x88a8 tag in", untagged, "88a8:0005", fixup(9, true), withTag(0x88A8, 5), "8100:0009"},
   };
   for (auto const& c : cases) {
+    SCOPED_TRACE(c.name);
     Brio::Ptr<Pkt> pkt = pktWith(c.frame);
-    if (c.separate) pkt->newSeparateVlanTag(c.separateTci, c.separateTpid);
-    EXPECT_EQ(vlanIdFromEthPkt(pkt), c.expected) << hex(c.frame);
-    EXPECT_EQ(pkt->stringValue(), c.frame);
+    if (*c.tag) pkt->newSeparateVlanTag(std::stoi(c.tag + 5, nullptr, 16), std::stoi(c.tag, nullptr, 16));
+    c.edit(pkt);
+    EXPECT_EQ(toHex(pkt->stringValue().str()), toHex(c.after));
+    EXPECT_EQ(separateTag(pkt), c.tagAfter);
+    EXPECT_EQ(vlanIdFromEthPkt(pkt), vlanOf(c.after, c.tagAfter));
   }
-}
-
-TEST(PktVlanFunctions, AddPushesASeparateTagIntoTheFrameWithoutItsPriority) {
-  Brio::Ptr<Pkt> pkt = pktWith(untagged);
-  addPktVlanTag(pkt, 100);
-  EXPECT_EQ(hex(pkt->stringValue().str()), hex(frameWith(std::string("\x81\x00\x00\x64\x08\x00" "IP", 8))));
-
-  Brio::Ptr<Pkt> sep = pktWith(untagged);
-  sep->newSeparateVlanTag(0xB00A, 0x88A8);  // priority 5, CFI set, VLAN 10
-  addPktVlanTag(sep, 20);
-  EXPECT_EQ(hex(sep->stringValue().str()), hex(frameWith(std::string("\x88\xA8\x00\x0A\x08\x00" "IP", 8))));
-  EXPECT_TRUE(sep->tciPresent());
-  EXPECT_EQ(sep->tciField(), 20);
-  EXPECT_EQ(sep->vlanTpid(), 0x8100);
-}
-
-TEST(PktVlanFunctions, StripRemovesOnlyTheOutermostTagWithAListedTpid) {
-  std::set<U16> both{0x8100, 0x88A8};
-  std::set<U16> dot1q{0x8100};
-  struct Case {
-    std::string frame;
-    std::set<U16>* tpids;
-    std::string expected;
-  } const cases[] = {
-      {tagged100, &dot1q, untagged},
-      {qinq, &dot1q, qinq},
-      {qinq, &both, untagged},
-      {untagged, &both, untagged},
-      {frameWith("\x81\x00\x00"), &both, frameWith("\x81\x00\x00")},  // too short to carry a tag
-  };
-  for (auto const& c : cases) {
-    Brio::Ptr<Pkt> pkt = pktWith(c.frame);
-    stripPktVlanTagSet(pkt, *c.tpids);
-    EXPECT_EQ(hex(pkt->stringValue().str()), hex(c.expected)) << hex(c.frame);
-  }
-  Brio::Ptr<Pkt> sep = pktWith(tagged100);
-  sep->newSeparateVlanTag(0x0005, 0x88A8);
-  stripPktVlanTag(sep);  // the outermost tag is the separate 0x88A8 one: untouched
-  EXPECT_TRUE(sep->tciPresent());
-  EXPECT_EQ(sep->stringValue(), tagged100);
-  stripPktVlanTagSet(sep, both);
-  EXPECT_FALSE(sep->tciPresent());
-  EXPECT_EQ(sep->stringValue(), tagged100);
-}
-
-TEST(PktVlanFunctions, OffloadMovesTheInFrameTagWithPriorityAndCfi) {
-  Brio::Ptr<Pkt> pkt = pktWith(frameWith(std::string("\x88\xA8\xB0\x07\x08\x00" "IP", 8)));
-  maybeOffloadAnyVlanTag(pkt);
-  EXPECT_EQ(pkt->stringValue(), untagged);
-  EXPECT_TRUE(pkt->tciPresent());
-  EXPECT_EQ(pkt->tciField(), 0xB007);
-  EXPECT_EQ(pkt->vlanTpid(), 0x88A8);
-  maybeOffloadAnyVlanTag(pkt);  // already carries one: nothing happens
-  EXPECT_EQ(pkt->stringValue(), untagged);
-
-  Brio::Ptr<Pkt> plain = pktWith(untagged);
-  maybeOffloadAnyVlanTag(plain);
-  EXPECT_FALSE(plain->tciPresent());
-}
-
-TEST(PktVlanFunctions, FixupRewritesAddsOrStripsTheTag) {
-  Brio::Ptr<Pkt> inFrame = pktWith(tagged100);
-  fixupPktVlanTag(inFrame, 0x123, true);  // priority bits of the frame's TCI are kept
-  EXPECT_EQ(hex(inFrame->stringValue().str()), hex(frameWith(std::string("\x81\x00\xA1\x23\x08\x00" "IP", 8))));
-  fixupPktVlanTag(inFrame, 0, false);
-  EXPECT_EQ(inFrame->stringValue(), untagged);
-
-  Brio::Ptr<Pkt> plain = pktWith(untagged);
-  fixupPktVlanTag(plain, 7, true);
-  EXPECT_EQ(vlanIdFromEthPkt(plain), 7);
-
-  Brio::Ptr<Pkt> sep = pktWith(untagged);
-  sep->newSeparateVlanTag(0x6005, 0x8100);
-  fixupPktVlanTag(sep, 9, true);
-  EXPECT_EQ(sep->tciField(), 0x6009);
-  EXPECT_EQ(sep->stringValue(), untagged);
-
-  Brio::Ptr<Pkt> other = pktWith(untagged);
-  other->newSeparateVlanTag(0x0005, 0x88A8);
-  fixupPktVlanTag(other, 9, true);
-  EXPECT_EQ(other->tciField(), 9);
-  EXPECT_EQ(other->vlanTpid(), 0x8100);
-  EXPECT_EQ(hex(other->stringValue().str()), hex(frameWith(std::string("\x88\xA8\x00\x05\x08\x00" "IP", 8))));
 }
 
 TEST(PktOffsets, BoundsUseTheSharedLengthTruncatedToSixteenBits) {
@@ -305,7 +245,6 @@ TEST(PktDeath, CallerVisibleAssertionsNameTheBrokenInvariant) {
 
   Brio::Ptr<Pkt> shortFrame = pktWith("0123");
   EXPECT_DEATH(addPktVlanTag(shortFrame, 1), assertion("frameBytes(pkt) >= macBytes"));
-  fixupPktVlanTag(pktWith(tagged100), 100, true);
   Brio::Ptr<Pkt> sep = pktWith(untagged);
   sep->newSeparateVlanTag(0, 0x8100);
   EXPECT_DEATH(fixupPktVlanTag(sep, 0x1000, true), assertion("( _tciVlanId & ~0x0fff) == 0"));
@@ -344,39 +283,31 @@ class PktModel {
   void step(std::mt19937& rng) {
     U32 const len = static_cast<U32>(shared_.size());
     std::uniform_int_distribution<U32> upTo(0, 40);
-    switch (std::uniform_int_distribution<U32>(0, 8)(rng)) {
+    bool const atHead = rng() & 1;
+    switch (std::uniform_int_distribution<U32>(0, 6)(rng)) {
       case 0: {
         std::string const fill = randomBytes(rng, upTo(rng));
-        log("newSharedHeadData", fill.size());
-        pkt_->newSharedHeadData(static_cast<U32>(fill.size()));
-        std::memcpy(pkt_->sharedBuffer()->data(), fill.data(), fill.size());
-        prepended(fill);
+        U32 const n = static_cast<U32>(fill.size());
+        log(atHead ? "newSharedHeadData" : "newSharedTailData", n);
+        atHead ? pkt_->newSharedHeadData(n) : pkt_->newSharedTailData(n);
+        std::memcpy(pkt_->sharedBuffer()->data() + (atHead ? 0 : len), fill.data(), n);
+        atHead ? prepended(fill) : appended(fill);
         break;
       }
       case 1: {
-        U32 n = std::min(upTo(rng), len);
-        log("delSharedHeadData", n);
-        pkt_->delSharedHeadData(n);
-        shared_.erase(0, n);
-        head_ += n;
+        U32 const n = std::min(upTo(rng), len);
+        log(atHead ? "delSharedHeadData" : "delSharedTailData", n);
+        if (atHead) {
+          pkt_->delSharedHeadData(n);
+          shared_.erase(0, n);
+          head_ += n;
+        } else {
+          pkt_->delSharedTailData(n);
+          shared_.resize(len - n);
+        }
         break;
       }
       case 2: {
-        std::string const fill = randomBytes(rng, upTo(rng));
-        log("newSharedTailData", fill.size());
-        pkt_->newSharedTailData(static_cast<U32>(fill.size()));
-        std::memcpy(pkt_->sharedBuffer()->data() + len, fill.data(), fill.size());
-        appended(fill);
-        break;
-      }
-      case 3: {
-        U32 n = std::min(upTo(rng), len);
-        log("delSharedTailData", n);
-        pkt_->delSharedTailData(n);
-        shared_.resize(len - n);
-        break;
-      }
-      case 4: {
         // A first claim is possible only once: giving all bytes back keeps iovec 0.
         if (privateReleased_ && private_.empty()) return;
         U32 n = std::min(upTo(rng) % 9 + 1, 64 - static_cast<U32>(private_.size()));
@@ -388,7 +319,7 @@ class PktModel {
         private_.insert(0, fill);
         break;
       }
-      case 5: {
+      case 3: {
         if (pkt_->firstIoVec() != 0) return;
         U32 n = std::min(upTo(rng) % 9, static_cast<U32>(private_.size()));
         log("delPrivateHeadData", n);
@@ -397,27 +328,18 @@ class PktModel {
         if (private_.empty()) privateReleased_ = true;
         break;
       }
-      case 6: {
+      case 4: {
         log("resetSharedData", 0);
         pkt_->resetSharedData();
         shared_.clear();
         head_ = size_;
         break;
       }
-      case 7: {
-        std::string s = randomBytes(rng, upTo(rng));
-        bool append = rng() & 1;
-        log(append ? "bytesValueIs(append)" : "stringValueIs", s.size());
-        if (append) {
-          pkt_->bytesValueIs(Brio::Bytes(s), true);
-        } else {
-          pkt_->stringValueIs(Brio::String(s));
-        }
-        if (append) {
-          appended(s);
-        } else {
-          prepended(s);
-        }
+      case 5: {
+        std::string const s = randomBytes(rng, upTo(rng));
+        log(atHead ? "stringValueIs" : "bytesValueIs(append)", s.size());
+        atHead ? pkt_->stringValueIs(Brio::String(s)) : pkt_->bytesValueIs(Brio::Bytes(s), true);
+        atHead ? prepended(s) : appended(s);
         break;
       }
       default: {
@@ -435,11 +357,17 @@ class PktModel {
   // Empty when packet and model agree.
   std::string divergence() const {
     std::string const expected = private_ + shared_;
-    if (pkt_->stringValue().str() != expected) return "contents " + hex(pkt_->stringValue().str()) + " vs " + hex(expected);
+    if (pkt_->stringValue().str() != expected) return "contents " + toHex(pkt_->stringValue().str()) + " vs " + toHex(expected);
     if (pkt_->bytesValue().str() != expected) return "bytesValue";
     if (pkt_->bytes() != expected.size()) return "bytes";
     if (pkt_->maxSharedData() != size_) return "size " + std::to_string(pkt_->maxSharedData()) + " vs " + std::to_string(size_);
     if (pkt_->sharedBuffer()->headroom() != head_) return "headroom";
+    // Private bytes come first, in iovec 0, which stays once claimed.
+    bool const claimed = privateReleased_ || !private_.empty();
+    if (pkt_->firstIoVec() != (claimed ? 0 : 1)) return "firstIoVec";
+    if (pkt_->frontBytes() != (claimed ? private_ : shared_).size()) return "frontBytes";
+    if (pkt_->ioVecs()[0].iov_len != (claimed ? private_ : shared_).size()) return "first iovec";
+    if (pkt_->ioVecs()[pkt_->ioVecCount() - 1].iov_len != shared_.size()) return "shared iovec";
     for (U32 i = 0; i < expected.size(); i += 7) {
       if (pkt_->rawByte(i) != static_cast<U8>(expected[i])) return "rawByte " + std::to_string(i);
     }

@@ -7,29 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "support/PktCases.h"
+#include "support/ValueCases.h"
+
 namespace Corvid {
 namespace {
 
-testing::Matcher<std::string const&> assertion(std::string const& text) {
-  return testing::HasSubstr("Assertion failed: " + text + "\n");
-}
-
-// Hex digits in pairs; spaces between them are ignored.
-std::string fromHex(std::string hex) {
-  std::erase(hex, ' ');
-  std::string out;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-  return out;
-}
-
-// A packet whose data fills its buffer exactly: the bytes end where the
-// allocation ends, so a read past the packet is a read past the heap block.
-Brio::Ptr<Pkt> exactPkt(std::string const& bytes) {
-  Brio::Ptr<Pkt> pkt = Brio::makePtr<Pkt>();
-  pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(static_cast<U32>(bytes.size())));
-  pkt->stringValueIs(Brio::String(bytes));
-  return pkt;
-}
+using namespace CorvidTest;
 
 std::string const ethIp4 = fromHex("00112233445566778899aabb0800");
 std::string const ethIp6 = fromHex("333300000001020000000001" "86dd");
@@ -104,14 +88,14 @@ TEST(HdrWrapper, BitFieldSettersLeaveNeighbouringBitsAlone) {
   EXPECT_EQ(ip->pkt()->stringValue().str().substr(0, 8), fromHex("ffbbffff ffffc123"));  // ECN and DF kept
 }
 
+// The EtherTypes of scapy's frames (IPv4, IPv6, ARP, both tags, MPLS) are
+// read there; here the other known ones and some the system does not know.
 TEST(HdrWrapper, EthTypeReadsOnlyTheEtherTypesTheSystemKnows) {
   struct Case {
     U16 wire;
     EthType expected;
-  } const cases[] = {{0x0800, ethTypeIp},  {0x0806, ethTypeArp},  {0x8100, ethTypeVlan},
-                     {0x86DD, ethTypeIp6}, {0x8847, ethTypeMpls}, {0x88A8, ethTypeQinQ},
-                     {0x88F7, ethTypePtp}, {0x8902, ethTypeCfm},  {0x9100, ethTypeQinQ9100},
-                     {0x88CC, ethTypeNone}, {0x8848, ethTypeNone}, {0x0000, ethTypeNone}};
+  } const cases[] = {{0x88F7, ethTypePtp},   {0x8902, ethTypeCfm},   {0x9100, ethTypeQinQ9100},
+                     {0x88CC, ethTypeNone},  {0x8848, ethTypeNone},  {0x0000, ethTypeNone}};
   for (auto const& c : cases) {
     std::string frame = ethIp4;
     frame[12] = static_cast<char>(c.wire >> 8);
@@ -252,6 +236,8 @@ std::string withIp4(std::string header, std::size_t payload) {
   return ethIp4 + header + std::string(payload, 'p');
 }
 
+// Where the check points and what it leaves in the checksum field are held
+// against scapy's frames; here the codes and traces.
 TEST(CheckEthIpHdr, CodesAndTracesFollowTheFirstFailedCheckAndEveryTruncationIsTooShort) {
   std::string const ihl15 = fromHex("4f00 0014 0000 4000 4011 0000 c0a80001 c0a800c7");
   expectFrameCases(
@@ -273,22 +259,6 @@ TEST(CheckEthIpHdr, CodesAndTracesFollowTheFirstFailedCheckAndEveryTruncationIsT
   EthHdr* eth = nullptr;
   IpHdr* ip = nullptr;
   EXPECT_EQ(checkEthIpHdr(none, eth, ip), pktTooShort);
-}
-
-TEST(CheckEthIpHdr, ChecksumIsRestoredOnAMatchAndLeftZeroOnAMismatch) {
-  Brio::Ptr<Pkt> good = exactPkt(ip4Frame());
-  EthHdr* eth = nullptr;
-  IpHdr* ip = nullptr;
-  ASSERT_EQ(checkEthIpHdr(good, eth, ip), noError);
-  EXPECT_EQ(reinterpret_cast<U8*>(eth), good->frontData());
-  EXPECT_EQ(reinterpret_cast<U8*>(ip), good->frontData() + 14);
-  EXPECT_EQ(ip->checksum.value(), 0xb861);
-
-  std::string frame = ip4Frame();
-  frame[25] = '\x60';
-  Brio::Ptr<Pkt> bad = exactPkt(frame);
-  ASSERT_EQ(checkEthIpHdr(bad, eth, ip), badIpHdrChecksum);
-  EXPECT_EQ(ip->checksum.value(), 0);
 }
 
 // An NS for 2001:db8::1 with a source link-layer address option.
@@ -322,22 +292,16 @@ TEST(CheckEthIp6Hdr, CodesAndTracesFollowTheFirstFailedCheckAndEveryTruncationIs
       54, checkIp6);
 }
 
-TEST(CheckIcmp6CheckSum, VerifiesUnderThePseudoHeaderAndLeavesTheFieldZero) {
+// Where the check points, the field it leaves zero and setIcmp6CheckSum's
+// sum are held on every ICMPv6 frame scapy builds; here codes and traces.
+TEST(CheckIcmp6CheckSum, CodesAndTracesFollowTheFirstFailedCheck) {
   std::string frame = signedIp6Frame(nsMessage);
   auto* ip6 = reinterpret_cast<Ip6Hdr*>(frame.data() + 14);
   Icmp6Hdr* icmp6 = nullptr;
   auto const check = [&] { return traced([&] { return checkIcmp6CheckSum(ip6, icmp6); }); };
-  U16 const signedValue = reinterpret_cast<Icmp6Hdr*>(frame.data() + 54)->checksum.value();
-  EXPECT_NE(signedValue, 0);
   expectResult(check(), noError, "");
-  EXPECT_EQ(reinterpret_cast<char*>(icmp6), frame.data() + 54);
-  EXPECT_EQ(icmp6->checksum.value(), 0);
-  EXPECT_EQ(setIcmp6CheckSum(ip6, icmp6), noError);
-  EXPECT_EQ(icmp6->checksum.value(), signedValue);
-
   frame[60] ^= 1;  // reserved bits: the sum no longer matches
   expectResult(check(), badIcmp6Checksum, "Icmp6 checksum is invalid");
-  EXPECT_EQ(icmp6->checksum.value(), 0);
   ip6->payloadLength.valueIs(3);
   expectResult(check(), badIp6PayloadLen, "IP6 payload is too small to contain Icmp6");
   ip6->nextHeader = ipProtoUdp;
@@ -384,34 +348,32 @@ std::string option(U8 type, U8 length) {
 }
 
 TEST(GetIcmp6Opt, WalksOptionsWithTheCodesForEveryLengthShape) {
+  char const* const zero = "Option length cannot be zero.";
+  char const* const exceeds = "Option length exceeds pkt length.";
   struct Case {
     char const* name;
     std::string options;
     PktErrors code;
+    char const* trace;
     int foundAt;
   } const cases[] = {
-      {"no options", "", noError, -1},
-      {"one stray byte", "\x01", noError, -1},
-      {"found", option(1, 1), noError, 0},
-      {"last match wins", option(1, 1) + option(3, 4) + option(1, 2), noError, 40},
-      {"other types only", option(2, 1) + option(5, 1), noError, -1},
-      {"zero length", option(2, 1) + option(1, 0) + std::string(6, '\0'), icmp6OptLenZero, -1},
-      {"longer than the payload", option(1, 1) + option(3, 4).substr(0, 16), icmp6OptLenExceedPayloadLen, 0},
-      {"two bytes left: looked at once more", option(1, 1) + std::string(2, '\x01'), icmp6OptLenExceedPayloadLen, 0},
-      {"one byte left", option(1, 1) + std::string(1, '\x01'), noError, 0},
-      {"three bytes left", option(1, 1) + std::string("\x01\x01\x01", 3), icmp6OptLenExceedPayloadLen, 0},
+      {"no options", "", noError, "", -1},
+      {"one stray byte", "\x01", noError, "", -1},
+      {"found", option(1, 1), noError, "", 0},
+      {"last match wins", option(1, 1) + option(3, 4) + option(1, 2), noError, "", 40},
+      {"other types only", option(2, 1) + option(5, 1), noError, "", -1},
+      {"zero length", option(2, 1) + option(1, 0) + std::string(6, '\0'), icmp6OptLenZero, zero, -1},
+      {"longer than the payload", option(1, 1) + option(3, 4).substr(0, 16), icmp6OptLenExceedPayloadLen, exceeds, 0},
+      {"two bytes left: looked at once more", option(1, 1) + std::string(2, '\x01'), icmp6OptLenExceedPayloadLen,
+       exceeds, 0},
+      {"one byte left", option(1, 1) + std::string(1, '\x01'), noError, "", 0},
+      {"three bytes left", option(1, 1) + std::string("\x01\x01\x01", 3), icmp6OptLenExceedPayloadLen, exceeds, 0},
   };
   for (auto const& c : cases) {
-    OptResult r = optionWalk(c.options);
-    EXPECT_EQ(r.code, c.code) << c.name;
+    OptResult r;
+    expectResult(traced([&] { return (r = optionWalk(c.options)).code; }), c.code, c.trace, c.name);
     EXPECT_EQ(r.foundAt, c.foundAt) << c.name;
   }
-  std::string const trace = traced([] {
-                              optionWalk(option(1, 0));
-                              return optionWalk(option(1, 2).substr(0, 8)).code;
-                            }).trace;
-  EXPECT_THAT(trace, testing::HasSubstr("Option length cannot be zero."));
-  EXPECT_THAT(trace, testing::HasSubstr("Option length exceeds pkt length."));
 }
 
 TEST(GetIcmp6Opt, OnlySolicitationsAndAdvertisementsOfNeighboursAndRoutersSolicitationsHaveOptions) {
@@ -429,17 +391,15 @@ TEST(PseudoHdr, LaysOutTheSummedBytesAndPrintsAsARecord) {
   Icmp6PseudoHdr const pseudo(src, dst, 32);
   std::string const bytes(reinterpret_cast<char const*>(&pseudo), sizeof(pseudo));
   EXPECT_EQ(bytes, fromHex("fe800000000000000000000000000001" "ff0200000000000000000001ff000001" "00000020" "0000" "00" "3a"));
-  EXPECT_EQ(valueToStrep(pseudo),
+  EXPECT_EQ(expectStrepRoundTrip(pseudo),
             "Value('Corvid::Icmp6PseudoHdr', ** {'src': fe80::1, 'dst': ff02::1:ff00:1, 'icmp6Len': 32, "
             "'zeros16': 0, 'zeros8': 0, 'nextHeader': 58})");
-  EXPECT_EQ(Brio::strepToValue(valueToStrep(pseudo), static_cast<Icmp6PseudoHdr*>(nullptr)), pseudo);
-  EXPECT_LT(Icmp6PseudoHdr(src, dst, 31), pseudo);
-  EXPECT_LT(pseudo, Icmp6PseudoHdr(dst, src, 0));
+  expectAscending(std::vector<Icmp6PseudoHdr>{Icmp6PseudoHdr(src, dst, 31), pseudo, Icmp6PseudoHdr(dst, src, 0)});
   EXPECT_NE(std::hash<Icmp6PseudoHdr>()(pseudo), std::hash<Icmp6PseudoHdr>()(Icmp6PseudoHdr(src, dst, 31)));
 
   TcpPseudoHdr const tcp(IpAddr(10, 0, 0, 1), IpAddr(10, 0, 0, 2), 0, ipProtoTcp, 20);
   EXPECT_EQ(std::string(reinterpret_cast<char const*>(&tcp), sizeof(tcp)), fromHex("0a0000010a0000020006" "0014"));
-  EXPECT_EQ(Brio::strepToValue(valueToStrep(tcp), static_cast<TcpPseudoHdr*>(nullptr)), tcp);
+  expectStrepRoundTrip(tcp);
 }
 
 }  // namespace

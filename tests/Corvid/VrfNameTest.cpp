@@ -19,8 +19,6 @@ TEST(VrfName, NamedValuesAndDefault) {
   EXPECT_EQ(VrfName().value(), "default");
   EXPECT_TRUE(VrfName().isDefault());
   EXPECT_EQ(VrfName::defaultVrf(), VrfName());
-  EXPECT_EQ(VrfName::allVrfs().value(), "all");
-  EXPECT_EQ(VrfName::multiSrcVrf().value(), "multiple source VRFs");
   EXPECT_FALSE(VrfName("blue").isDefault());
   EXPECT_FALSE(VrfName("Default").isDefault());
 }

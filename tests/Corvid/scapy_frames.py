@@ -193,7 +193,7 @@ LAYERS = {
     ICMPv6NDOptRDNSS: ("dnsServer", "type=type length=len lifetime=lifetime",
                        lambda L: [("addresses", len(L.dns))] + [("address%d" % i, a) for i, a in enumerate(L.dns)]),
     ICMPv6NDOptDNSSL: ("dnsSuffix", "type=type length=len lifetime=lifetime",
-                       lambda L: [("names", "|".join(n.rstrip(".") for n in L.searchlist))]),
+                       lambda L: [("domainNames", "|".join(n.rstrip(".") for n in L.searchlist))]),
 }
 LAYERS[Dot1AD] = LAYERS[Dot1Q]
 

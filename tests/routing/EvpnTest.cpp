@@ -47,8 +47,6 @@ TEST(EncapTypeLabel, LabelRangeFollowsTheEncapsulation) {
       {"", "Invalid EncapTypeLabel"},
   };
   expectOutcomes(cases, strepOutcome<EncapTypeLabel>);
-  EXPECT_EQ(static_cast<int>(EncapType::vxlan), 8);
-  EXPECT_EQ(static_cast<int>(EncapType::mpls), 10);
   EXPECT_LT(EncapTypeLabel(EncapType::vxlan, 5), EncapTypeLabel(EncapType::mpls, 1));
 }
 

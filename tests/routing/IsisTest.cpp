@@ -49,11 +49,8 @@ TEST(LspId, TextTableAndBytesBySevenBitIndex) {
 }
 
 TEST(LspId, OrderIsSystemThenPseudonodeThenFragment) {
-  std::vector<std::string> const sorted = {"0000.0000.0001.00-00", "0000.0000.0001.00-01", "0000.0000.0001.01-00",
-                                           "0000.0000.0002.00-00", "1000.0000.0000.00-00"};
-  std::vector<LspId> v;
-  for (auto it = sorted.rbegin(); it != sorted.rend(); ++it) v.emplace_back(Brio::String(*it));
-  EXPECT_EQ(sortedTexts(v, [](LspId const& id) { return id.stringValue().str(); }), sorted);
+  expectAscending<LspId>({"0000.0000.0001.00-00", "0000.0000.0001.00-01", "0000.0000.0001.01-00",
+                          "0000.0000.0002.00-00", "1000.0000.0000.00-00"});
 }
 
 TEST(AreaId, TextTable) {
@@ -81,9 +78,7 @@ TEST(AreaId, BytesLengthOrderAndAttrLog) {
   a.lengthIs(AreaIdLengthRange(2));
   a.lengthIs(AreaIdLengthRange(3));
   EXPECT_EQ(a.stringValue(), "49.0000") << "shrinking clears the dropped bytes";
-  EXPECT_LT(AreaId("49"), AreaId("49.0001"));
-  EXPECT_LT(AreaId("49.0001.ff"), AreaId("49.0002"));
-  EXPECT_NE(AreaId("49.0001"), AreaId("49.0001.00"));
+  expectAscending<AreaId>({"49", "49.0001", "49.0001.00", "49.0001.ff", "49.0002"});
   expectAttrLogRoundTrip(AreaId("49.0001"), LspId("1921.6800.1001.01-0a"));
   EXPECT_THROW(attrLogReadOf<AreaId>(U8(14)), Brio::RangeException);
 }

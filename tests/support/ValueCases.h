@@ -12,10 +12,12 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <random>
 #include <span>
 #include <string>
 #include <string_view>
@@ -137,12 +139,15 @@ ReadAt readAt(Brio::String const& text) {
   return {Brio::strep(v).str(), static_cast<std::size_t>(pos - text.begin())};
 }
 
-// Reads a T at the start of a cut: accepted or refused, never past its end.
-template <class T>
+// Reads each T at the start of a cut: accepted or refused, never past its end.
+template <class... T>
 void readWithinCut(Brio::String const& cut) {
-  Brio::StringIter pos = cut.begin();
-  errorOf([&] { sequenceToValue(pos, cut.end(), static_cast<T*>(nullptr)); });
-  EXPECT_LE(pos - cut.begin(), static_cast<long>(cut.bytes())) << cut.str();
+  auto one = [&cut]<class V>(V* type) {
+    Brio::StringIter pos = cut.begin();
+    errorOf([&] { sequenceToValue(pos, cut.end(), type); });
+    EXPECT_LE(pos - cut.begin(), static_cast<long>(cut.bytes())) << cut.str();
+  };
+  (one(static_cast<T*>(nullptr)), ...);
 }
 
 // Exactly text.size() heap bytes: a raw reader looking past the end shows
@@ -151,6 +156,45 @@ inline std::unique_ptr<char[]> exactCopy(std::string_view text) {
   auto block = std::make_unique<char[]>(text.size());
   std::memcpy(block.get(), text.data(), text.size());
   return block;
+}
+
+// Up to two random edits of a text, as the reader cross-checks make bad
+// texts from good ones: a character of `noise` inserted, one dropped, or a cut.
+inline void mutate(std::string& t, std::mt19937& rng, std::string_view noise) {
+  for (auto m = rng() % 3; m > 0; --m) {
+    std::size_t const at = rng() % (t.size() + 1);
+    switch (rng() % 3) {
+      case 0: t.insert(at, 1, noise[rng() % noise.size()]); break;
+      case 1: if (at < t.size()) t.erase(at, 1); break;
+      default: t.resize(at);
+    }
+  }
+}
+
+// Whether a dotted quad has an octet the IPv4 reader takes on purpose and
+// inet_pton refuses: one with a leading zero (decimal here), or a run longer
+// than three digits (only its low 32 bits are tested).
+inline bool hasOddOctet(std::string const& quad) {
+  std::size_t start = 0;
+  for (std::size_t dot; start <= quad.size(); start = dot + 1) {
+    dot = std::min(quad.find('.', start), quad.size());
+    std::size_t const n = dot - start;
+    if ((n > 1 && quad[start] == '0') || n > 3) return true;
+  }
+  return false;
+}
+
+// v.printToBuffer at every size up to one past its text (a null buffer at
+// size 0): the whole text's length back, the text cut as snprintf cuts it,
+// nothing written past size.
+template <class T>
+void expectPrintToBufferLikeSnprintf(T const& v, std::string const& text) {
+  for (unsigned size = 0; size <= text.size() + 1; ++size) {
+    std::vector<char> buf(size + 1, '#'), expected(size + 1, '#');
+    int const whole = std::snprintf(size ? expected.data() : nullptr, size, "%s", text.c_str());
+    EXPECT_EQ(v.printToBuffer(size ? buf.data() : nullptr, size), static_cast<unsigned>(whole)) << size;
+    EXPECT_EQ(std::string(buf.begin(), buf.end()), std::string(expected.begin(), expected.end())) << size;
+  }
 }
 
 // v's strep reads back equal and printing the same strep (which catches
@@ -229,13 +273,21 @@ T attrLogReadOf(W const&... written) {
   return attrLogRead(in, static_cast<T*>(nullptr));
 }
 
-// The values sorted with operator<, each as text(v).
-template <class T, class Text>
-std::vector<std::string> sortedTexts(std::vector<T> values, Text text) {
-  std::sort(values.begin(), values.end());
-  std::vector<std::string> texts;
-  for (auto const& v : values) texts.push_back(text(v));
-  return texts;
+// Each value sorts strictly before every later one and not before itself
+// or an earlier one: the order, its strictness and its transitivity at once.
+template <class T>
+void expectAscending(std::vector<T> const& values) {
+  for (std::size_t i = 0; i < values.size(); ++i)
+    for (std::size_t j = 0; j < values.size(); ++j)
+      EXPECT_EQ(values[i] < values[j], i < j) << Brio::strep(values[i]).str() << " < " << Brio::strep(values[j]).str();
+}
+
+// The same, for values read from their strep texts.
+template <class T>
+void expectAscending(std::initializer_list<char const*> texts) {
+  std::vector<T> values;
+  for (auto t : texts) values.push_back(Brio::strepToValue<T>(Brio::String(t)));
+  expectAscending(values);
 }
 
 }  // namespace CorvidTest
