@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <map>
 #include <random>
-#include <set>
 #include <sstream>
 
 #include "support/ShoalScope.h"
@@ -75,7 +74,6 @@ class Follower : public Pets::Notifiee {
     bad += count.count(k) && !wellFormed(k, count[k].str());
   }
   void handleOwner(String const& k) override { follow(owner, notifier()->owner, k); }
-  void handleMountStatus() override { statuses.push_back(notifier()->mountStatus()); }
   template <class M, class C, class K>
   static void follow(M& copy, C const& collection, K const& k) {
     if (collection.contains(k)) {
@@ -87,7 +85,6 @@ class Follower : public Pets::Notifiee {
   std::map<U32, String> count;
   std::map<String, U32> owner;
   std::map<U32, int> countCalls;
-  std::vector<MountStatus> statuses;
   int bad = 0;
 };
 
@@ -181,14 +178,6 @@ TEST_F(ShoalTest, UnmountedTableNotifiesOnlyRealChanges) {
   EXPECT_EQ(describe(*t), describe(f));
 }
 
-TEST_F(ShoalTest, OversizedEntryIsRefusedWithSizeError) {
-  auto t = Pets::petsFactory("local");
-  EXPECT_THROW(t->count.set(1, String(std::string(61, 'x'))), Brio::SizeException);  // 4 + 61 > 64
-  EXPECT_TRUE(t->count.set(1, String(std::string(60, 'x'))));
-  EXPECT_THROW(t->owner.set(String(std::string(37, 'k')), 1), Brio::SizeException);
-  EXPECT_EQ(t->count.size(), 1u);
-}
-
 // --- one process, writer and reader ---------------------------------------------
 
 TEST_F(ShoalTest, ReaderHearsCommittedChangesOnceCoalescedAndTheLoopCommitsTheRest) {
@@ -212,9 +201,7 @@ TEST_F(ShoalTest, ReaderHearsCommittedChangesOnceCoalescedAndTheLoopCommitsTheRe
   EXPECT_TRUE(w->quiesced());
   ASSERT_TRUE(loop.runUntil([&] { return r->quiesced() && f.countCalls[1] > 0; }, 5));
   EXPECT_EQ(f.countCalls[1], 1);
-  EXPECT_EQ(f.count[1], "v1-c");
   EXPECT_EQ(f.countCalls.count(2), 0u) << "added and removed between reads: no change to announce";
-  EXPECT_EQ(f.owner["ann"], 7u);
   EXPECT_EQ(describe(*w), describe(f));
   // Left staged, a change is committed by the writer's loop at the end of
   // its turn.
@@ -223,14 +210,28 @@ TEST_F(ShoalTest, ReaderHearsCommittedChangesOnceCoalescedAndTheLoopCommitsTheRe
   EXPECT_EQ(w->commitCount(), 2u);
 }
 
-TEST_F(ShoalTest, SecondWriterIsRefusedWithTheHoldersPid) {
+// A second writer is refused while the first holds the table (the holder's
+// pid in the refusal: TablesCommand.VrfCommandsAllocateReleaseAndList), and
+// a reader declared with another shape waits.
+TEST_F(ShoalTest, MountRefusesASecondWriterAndWaitsOutAnotherShape) {
   auto w = Pets::petsFactory("w");
   ASSERT_TRUE(w->mount("one", MountMode::writer));
+  w->count.set(0x01020304, "ab");
+  w->commit();
   auto w2 = Pets::petsFactory("w2");
   EXPECT_FALSE(w2->mount("one", MountMode::writer));
   EXPECT_EQ(w2->mountStatus(), MountStatus::unmounted);
-  std::string want = "already has a writer (pid " + std::to_string(getpid()) + ")";
-  EXPECT_NE(w2->reason().str().find(want), std::string::npos) << w2->reason().view();
+  struct Other : Shoal::Table {
+    struct Notifiee : Shoal::TableNotifiee<Other> {
+      virtual void handleX(U32 const&) {}
+    };
+    Other() : Table("other", "Test::Other") {}
+    Shoal::Collection<U32, U32, Notifiee, &Notifiee::handleX> x{this, "x", 4, 4, 8};
+  };
+  Brio::Ptr<Other> o(new Other);
+  o->mount("one", MountMode::reader);
+  EXPECT_EQ(o->mountStatus(), MountStatus::mounting);
+  EXPECT_TRUE(o->x.snapshot().empty());
   // Once the first lets go, a new writer takes over.
   w->unmount();
   EXPECT_TRUE(w2->mount("one", MountMode::writer)) << w2->reason().view();
@@ -265,24 +266,6 @@ TEST_F(ShoalTest, ReaderThatFellBehindRescansAndNotifiesOnlyDifferences) {
   EXPECT_TRUE(r->quiesced());
   EXPECT_EQ((std::map<U32, int>(f.countCalls)), (std::map<U32, int>{{4, 1}, {5, 1}, {20, 1}}));
   EXPECT_EQ(describe(*w), describe(*r));
-}
-
-TEST_F(ShoalTest, TypedReaderRefusesAnotherShape) {
-  auto w = Pets::petsFactory("w");
-  ASSERT_TRUE(w->mount("shape", MountMode::writer));
-  w->count.set(0x01020304, "ab");
-  w->commit();
-  struct Other : Shoal::Table {
-    struct Notifiee : Shoal::TableNotifiee<Other> {
-      virtual void handleX(U32 const&) {}
-    };
-    Other() : Table("other", "Test::Other") {}
-    Shoal::Collection<U32, U32, Notifiee, &Notifiee::handleX> x{this, "x", 4, 4, 8};
-  };
-  Brio::Ptr<Other> o(new Other);
-  o->mount("shape", MountMode::reader);
-  EXPECT_EQ(o->mountStatus(), MountStatus::mounting);
-  EXPECT_TRUE(o->x.snapshot().empty());
 }
 
 // --- bad shared memory ----------------------------------------------------------
@@ -394,7 +377,6 @@ TEST_F(ShoalTest, ReadersFollowAWriterThatMakesTheTableAgain) {
   w->count.set(2, "v2-a");
   w->commit();
   ASSERT_TRUE(loop.runUntil([&] { return r->quiesced() && f.count.size() == 2; }, 5));
-  EXPECT_EQ(f.statuses, (std::vector<MountStatus>{MountStatus::mounting, MountStatus::mounted}));
   w->unmount();
   // Another capacity: the file is made again and the old one retired;
   // readers take the file's capacity, whatever their own declaration.
@@ -513,13 +495,11 @@ int writerProcess(int out, int firstBatch, int lastBatch) {
   auto seg = Shoal::Segment::segmentFactory("progress", 8);
   auto* done = progress(seg);
   auto w = Pets::petsFactory("w", 8 * groups);
-  U64 const reportsBefore = Shoal::corruptionCount();
   if (!done || !w->mount("crash", MountMode::writer)) {
     CorvidTest::writeLine(out, "refused " + w->reason().str());
     return 1;
   }
-  CorvidTest::writeLine(out, "count " + std::to_string(w->count.size()) + " dropped " +
-                                 std::to_string(Shoal::corruptionCount() - reportsBefore));
+  CorvidTest::writeLine(out, "count " + std::to_string(w->count.size()));
   for (int b = firstBatch; b <= lastBatch; ++b) {
     U32 g = b % groups;
     for (U32 k = 8 * g; k < 8 * g + 8; ++k) w->count.set(k, checkedValue(k, b));
@@ -535,7 +515,6 @@ TEST_F(ShoalTest, WriterKilledAtRandomPointsRestartsWithEveryCommittedEntry) {
   std::mt19937 rng(7);
   auto reader = startReader("crash");
   int committed = -1;  // last batch known committed
-  int dropped = 0;     // entries restarts found half written
   auto seg = Shoal::Segment::segmentFactory("progress", 8);
   auto* done = progress(seg);
   ASSERT_NE(done, nullptr);
@@ -549,13 +528,11 @@ TEST_F(ShoalTest, WriterKilledAtRandomPointsRestartsWithEveryCommittedEntry) {
     U32 present = static_cast<U32>(std::stoul(hello.substr(6)));
     U32 atLeast = std::min<U32>(8 * groups, 8 * (committed + 1));
     EXPECT_GE(present + 1, atLeast) << "run " << run;
-    dropped += std::stoi(hello.substr(hello.find(" dropped ") + 9));
     usleep(100 + rng() % 5000);
     writer.kill();
     committed = static_cast<int>(done->load()) - 1;
   }
   ASSERT_GT(committed, groups) << "writers too slow to cover every key";
-  RecordProperty("killedInsideASlotWrite", dropped);
   // One more writer runs to a known end; then the reader must hold exactly
   // the latest batch of every group.
   int const end = committed + 1000;
@@ -577,26 +554,6 @@ TEST_F(ShoalTest, WriterKilledAtRandomPointsRestartsWithEveryCommittedEntry) {
   // count lines sort numerically in the reader's map, as here.
   want << "bad 0\n";
   EXPECT_EQ(got, want.str());
-}
-
-// --- segments -------------------------------------------------------------------
-
-// Sharing across processes and outliving its writers: the crash test's
-// progress counter.
-TEST_F(ShoalTest, SegmentIsMadeZeroFilledAndIsGoneAfterRemove) {
-  auto s = Shoal::Segment::segmentFactory("ids/counter", 4);
-  auto value = [&] {
-    U32 v;
-    std::memcpy(&v, s->data(), 4);
-    return v;
-  };
-  ASSERT_TRUE(s->attach()) << s->reason().view();
-  EXPECT_EQ(value(), 0u);
-  std::memset(s->data(), 0x41, 4);
-  s->remove();
-  EXPECT_FALSE(std::filesystem::exists(root.path() + "/ids/counter"));
-  ASSERT_TRUE(s->attach());
-  EXPECT_EQ(value(), 0u);
 }
 
 }  // namespace
