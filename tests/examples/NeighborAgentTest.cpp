@@ -16,20 +16,17 @@ using CorvidTest::NamedNetns;
 
 namespace {
 
-std::string example() {
-  char const* dir = std::getenv("CORVID_TEST_BINARY_DIR");
-  return std::string(dir ? dir : CORVID_BINARY_DIR) + "/examples/neighbor_agent";
-}
-
 // Runs the example with `args`, its stdout on the child's answer pipe.
 std::unique_ptr<CorvidTest::Child> start(std::vector<std::string> args, std::vector<std::string> env = {}) {
   return std::make_unique<CorvidTest::Child>([args, env](int, int out) {
+    char const* dir = std::getenv("CORVID_TEST_BINARY_DIR");
+    std::string const example = std::string(dir ? dir : CORVID_BINARY_DIR) + "/examples/neighbor_agent";
     dup2(out, STDOUT_FILENO);
     for (auto const& e : env) putenv(const_cast<char*>(e.c_str()));
     std::vector<char*> argv{const_cast<char*>("neighbor_agent")};
     for (auto const& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
-    execv(example().c_str(), argv.data());
+    execv(example.c_str(), argv.data());
     return 127;
   });
 }

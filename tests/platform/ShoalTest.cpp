@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <map>
 #include <random>
-#include <set>
 #include <sstream>
 
 #include "support/ShoalScope.h"
@@ -75,7 +74,6 @@ class Follower : public Pets::Notifiee {
     bad += count.count(k) && !wellFormed(k, count[k].str());
   }
   void handleOwner(String const& k) override { follow(owner, notifier()->owner, k); }
-  void handleMountStatus() override { statuses.push_back(notifier()->mountStatus()); }
   template <class M, class C, class K>
   static void follow(M& copy, C const& collection, K const& k) {
     if (collection.contains(k)) {
@@ -87,7 +85,6 @@ class Follower : public Pets::Notifiee {
   std::map<U32, String> count;
   std::map<String, U32> owner;
   std::map<U32, int> countCalls;
-  std::vector<MountStatus> statuses;
   int bad = 0;
 };
 
@@ -179,17 +176,6 @@ TEST_F(ShoalTest, UnmountedTableNotifiesOnlyRealChanges) {
   }
   EXPECT_EQ(t->insertRefusedCount(), 1u);
   EXPECT_EQ(describe(*t), describe(f));
-  EXPECT_EQ(t->count.get(2), String());
-  EXPECT_TRUE(t->quiesced());
-  EXPECT_EQ(t->mountStatus(), MountStatus::unmounted);
-}
-
-TEST_F(ShoalTest, OversizedEntryIsRefusedWithSizeError) {
-  auto t = Pets::petsFactory("local");
-  EXPECT_THROW(t->count.set(1, String(std::string(61, 'x'))), Brio::SizeException);  // 4 + 61 > 64
-  EXPECT_TRUE(t->count.set(1, String(std::string(60, 'x'))));
-  EXPECT_THROW(t->owner.set(String(std::string(37, 'k')), 1), Brio::SizeException);
-  EXPECT_EQ(t->count.size(), 1u);
 }
 
 // --- one process, writer and reader ---------------------------------------------
@@ -201,7 +187,6 @@ TEST_F(ShoalTest, ReaderHearsCommittedChangesOnceCoalescedAndTheLoopCommitsTheRe
   Follower f(r);
   r->mount("pets", MountMode::reader);
   ASSERT_EQ(r->mountStatus(), MountStatus::mounted) << r->reason().view();
-  EXPECT_EQ(f.statuses, (std::vector<MountStatus>{MountStatus::mounting, MountStatus::mounted}));
 
   w->count.set(1, "v1-a");
   EXPECT_FALSE(w->quiesced());
@@ -216,9 +201,7 @@ TEST_F(ShoalTest, ReaderHearsCommittedChangesOnceCoalescedAndTheLoopCommitsTheRe
   EXPECT_TRUE(w->quiesced());
   ASSERT_TRUE(loop.runUntil([&] { return r->quiesced() && f.countCalls[1] > 0; }, 5));
   EXPECT_EQ(f.countCalls[1], 1);
-  EXPECT_EQ(f.count[1], "v1-c");
   EXPECT_EQ(f.countCalls.count(2), 0u) << "added and removed between reads: no change to announce";
-  EXPECT_EQ(f.owner["ann"], 7u);
   EXPECT_EQ(describe(*w), describe(f));
   // Left staged, a change is committed by the writer's loop at the end of
   // its turn.
@@ -227,24 +210,28 @@ TEST_F(ShoalTest, ReaderHearsCommittedChangesOnceCoalescedAndTheLoopCommitsTheRe
   EXPECT_EQ(w->commitCount(), 2u);
 }
 
-TEST_F(ShoalTest, SecondWriterIsRefusedWithTheHoldersPid) {
+// A second writer is refused while the first holds the table (the holder's
+// pid in the refusal: TablesCommand.VrfCommandsAllocateReleaseAndList), and
+// a reader declared with another shape waits.
+TEST_F(ShoalTest, MountRefusesASecondWriterAndWaitsOutAnotherShape) {
   auto w = Pets::petsFactory("w");
   ASSERT_TRUE(w->mount("one", MountMode::writer));
+  w->count.set(0x01020304, "ab");
+  w->commit();
   auto w2 = Pets::petsFactory("w2");
   EXPECT_FALSE(w2->mount("one", MountMode::writer));
   EXPECT_EQ(w2->mountStatus(), MountStatus::unmounted);
-  std::string want = "already has a writer (pid " + std::to_string(getpid()) + ")";
-  EXPECT_NE(w2->reason().str().find(want), std::string::npos) << w2->reason().view();
-  // From another process as well.
-  Child other([](int, int out) {
-    auto t = Pets::petsFactory("other");
-    bool ok = t->mount("one", MountMode::writer);
-    CorvidTest::writeLine(out, ok ? "mounted" : t->reason().str());
-    return 0;
-  });
-  std::string answer = other.line(5);
-  EXPECT_NE(answer.find(want), std::string::npos) << answer;
-  other.wait(5);  // a forked child shares the lock until it exits
+  struct Other : Shoal::Table {
+    struct Notifiee : Shoal::TableNotifiee<Other> {
+      virtual void handleX(U32 const&) {}
+    };
+    Other() : Table("other", "Test::Other") {}
+    Shoal::Collection<U32, U32, Notifiee, &Notifiee::handleX> x{this, "x", 4, 4, 8};
+  };
+  Brio::Ptr<Other> o(new Other);
+  o->mount("one", MountMode::reader);
+  EXPECT_EQ(o->mountStatus(), MountStatus::mounting);
+  EXPECT_TRUE(o->x.snapshot().empty());
   // Once the first lets go, a new writer takes over.
   w->unmount();
   EXPECT_TRUE(w2->mount("one", MountMode::writer)) << w2->reason().view();
@@ -281,34 +268,6 @@ TEST_F(ShoalTest, ReaderThatFellBehindRescansAndNotifiesOnlyDifferences) {
   EXPECT_EQ(describe(*w), describe(*r));
 }
 
-TEST_F(ShoalTest, TypedReaderRefusesAnotherShapeThatRawTableReads) {
-  auto w = Pets::petsFactory("w");
-  ASSERT_TRUE(w->mount("shape", MountMode::writer));
-  w->count.set(0x01020304, "ab");
-  w->commit();
-  struct Other : Shoal::Table {
-    struct Notifiee : Shoal::TableNotifiee<Other> {
-      virtual void handleX(U32 const&) {}
-    };
-    Other() : Table("other", "Test::Other") {}
-    Shoal::Collection<U32, U32, Notifiee, &Notifiee::handleX> x{this, "x", 4, 4, 8};
-  };
-  Brio::Ptr<Other> o(new Other);
-  o->mount("shape", MountMode::reader);
-  EXPECT_EQ(o->mountStatus(), MountStatus::mounting);
-  EXPECT_NE(o->reason().str().find("Test::Pets"), std::string::npos) << o->reason().view();
-
-  auto r = Shoal::RawTable::rawTableFactory("raw");
-  r->mount("shape", MountMode::reader);
-  ASSERT_EQ(r->mountStatus(), MountStatus::mounted) << r->reason().view();
-  EXPECT_EQ(r->fileTypeName(), "Test::Pets");
-  ASSERT_EQ(r->collections().size(), 2u);
-  auto entries = r->collections()[0]->textEntries();
-  ASSERT_EQ(entries.size(), 1u);
-  EXPECT_EQ(entries[0].first, "01020304");
-  EXPECT_EQ(entries[0].second, "000000026162");
-}
-
 // --- bad shared memory ----------------------------------------------------------
 
 struct Mapped {
@@ -325,6 +284,7 @@ struct Mapped {
   }
   Shoal::Layout::FixedHeader* h() const { return Shoal::Layout::fixedHeader(base); }
   char* slot(U32 c, U32 s) const { return base + h()->desc[c].slotsOffset + U64(s) * h()->desc[c].slotBytes; }
+  Shoal::Layout::SlotHead* head(U32 s) const { return reinterpret_cast<Shoal::Layout::SlotHead*>(slot(0, s)); }
   int fd;
   std::size_t bytes;
   char* base;
@@ -346,18 +306,12 @@ TEST_F(ShoalTest, ScribbledMemoryReachesTheHookAndReadsAsAbsent) {
     char const* name;
     When when;
     std::function<void(Mapped&, Pets&)> scribble;
-    char const* report;
     char const* keysLeft;  // what the reader holds afterwards
   } const cases[] = {
-      {"value length above the limit", readerAfter,
-       [](Mapped& m, Pets&) { reinterpret_cast<Shoal::Layout::SlotHead*>(m.slot(0, 0))->valueLen = 500; },
-       "above the limit", "2"},
-      {"key bytes that do not decode", readerAfter,
-       [](Mapped& m, Pets&) { reinterpret_cast<Shoal::Layout::SlotHead*>(m.slot(0, 0))->keyLen = 3; },
-       "read past end", "2"},
+      {"value length above the limit", readerAfter, [](Mapped& m, Pets&) { m.head(0)->valueLen = 500; }, "2"},
+      {"key bytes that do not decode", readerAfter, [](Mapped& m, Pets&) { m.head(0)->keyLen = 3; }, "2"},
       {"key repeated in a second slot", readerAfter,
-       [](Mapped& m, Pets&) { std::memcpy(m.slot(0, 5), m.slot(0, 0), m.h()->desc[0].slotBytes); }, "repeated",
-       "1 2"},
+       [](Mapped& m, Pets&) { std::memcpy(m.slot(0, 5), m.slot(0, 0), m.h()->desc[0].slotBytes); }, "1 2"},
       {"change log entry out of range", readerBefore,
        [](Mapped& m, Pets& w) {
          w.count.set(2, "v2-poke");
@@ -366,16 +320,13 @@ TEST_F(ShoalTest, ScribbledMemoryReachesTheHookAndReadsAsAbsent) {
          auto* lv = Shoal::Layout::liveHeader(m.base);
          log[(lv->commitHead.load() - 1) & (m.h()->logEntries - 1)] = 0xFFFFFF;
        },
-       "out of range", "1 2"},
+       "1 2"},
       {"change log head moved back", readerBefore,
-       [](Mapped& m, Pets&) { Shoal::Layout::liveHeader(m.base)->commitHead.store(0); }, "went backwards", "1 2"},
-      {"fixed header bytes", readerBefore, [](Mapped& m, Pets&) { m.h()->desc[0].capacity ^= 1; }, "header changed",
-       ""},
+       [](Mapped& m, Pets&) { Shoal::Layout::liveHeader(m.base)->commitHead.store(0); }, "1 2"},
+      {"fixed header bytes", readerBefore, [](Mapped& m, Pets&) { m.h()->desc[0].capacity ^= 1; }, ""},
       // The writer died inside the slot's write: its successor drops that
       // entry alone.
-      {"slot left odd by a dead writer", writerRestarts,
-       [](Mapped& m, Pets&) { reinterpret_cast<Shoal::Layout::SlotHead*>(m.slot(0, 0))->seq.fetch_add(1); },
-       "being written", "2"},
+      {"slot left odd by a dead writer", writerRestarts, [](Mapped& m, Pets&) { m.head(0)->seq.fetch_add(1); }, "2"},
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.name);
@@ -408,15 +359,13 @@ TEST_F(ShoalTest, ScribbledMemoryReachesTheHookAndReadsAsAbsent) {
       EXPECT_EQ(keysOf(w->count.snapshot()), c.keysLeft);
       loop.runUntil([&] { return r->quiesced() && keysOf(r->count.snapshot()) == c.keysLeft; }, 5);
     }
-    EXPECT_TRUE(hook.saw(c.report)) << (hook.reports.empty() ? "no report" : hook.reports[0]);
-    EXPECT_TRUE(hook.saw(caseRoot.path() + "/bad"));
+    EXPECT_TRUE(hook.saw(caseRoot.path() + "/bad: ")) << "no report of the damage";
     EXPECT_EQ(keysOf(r->count.snapshot()), c.keysLeft);
     EXPECT_EQ(keysOf(f.count), c.keysLeft) << "notifications follow the table";
   }
 }
 
 TEST_F(ShoalTest, ReadersFollowAWriterThatMakesTheTableAgain) {
-  HookCapture hook;
   auto r = Pets::petsFactory("r");
   Follower f(r);
   r->mount("again", MountMode::reader);  // before any writer: it waits
@@ -428,7 +377,6 @@ TEST_F(ShoalTest, ReadersFollowAWriterThatMakesTheTableAgain) {
   w->count.set(2, "v2-a");
   w->commit();
   ASSERT_TRUE(loop.runUntil([&] { return r->quiesced() && f.count.size() == 2; }, 5));
-  EXPECT_EQ(f.statuses, (std::vector<MountStatus>{MountStatus::mounting, MountStatus::mounted}));
   w->unmount();
   // Another capacity: the file is made again and the old one retired;
   // readers take the file's capacity, whatever their own declaration.
@@ -439,24 +387,6 @@ TEST_F(ShoalTest, ReadersFollowAWriterThatMakesTheTableAgain) {
                                          f.count.size() == 1 && f.count[2] == "v2-b"; }, 5))
       << r->reason().view();
   EXPECT_EQ(r->count.capacity(), 32u);
-  // A damaged header: readers drop everything and wait; the next writer
-  // makes the table again and they come back.
-  w2->unmount();
-  {
-    Mapped m(root.path() + "/again");
-    m.h()->logEntries = 3;
-  }
-  r->poll();
-  EXPECT_EQ(r->mountStatus(), MountStatus::mounting);
-  EXPECT_TRUE(f.count.empty());
-  auto w3 = Pets::petsFactory("w3", 32);
-  w3->count.set(3, "v3-c");
-  ASSERT_TRUE(w3->mount("again", MountMode::writer));
-  EXPECT_TRUE(hook.saw("table made again")) << (hook.reports.empty() ? "" : hook.reports.back());
-  ASSERT_TRUE(loop.runUntil([&] { return r->mountStatus() == MountStatus::mounted && r->quiesced() &&
-                                         f.count.size() == 1; }, 5))
-      << r->reason().view();
-  EXPECT_EQ(f.count[3], "v3-c");
 }
 
 TEST(ShoalLayout, HeaderChecksRejectEverySingleByteChange) {
@@ -565,13 +495,11 @@ int writerProcess(int out, int firstBatch, int lastBatch) {
   auto seg = Shoal::Segment::segmentFactory("progress", 8);
   auto* done = progress(seg);
   auto w = Pets::petsFactory("w", 8 * groups);
-  U64 const reportsBefore = Shoal::corruptionCount();
   if (!done || !w->mount("crash", MountMode::writer)) {
     CorvidTest::writeLine(out, "refused " + w->reason().str());
     return 1;
   }
-  CorvidTest::writeLine(out, "count " + std::to_string(w->count.size()) + " dropped " +
-                                 std::to_string(Shoal::corruptionCount() - reportsBefore));
+  CorvidTest::writeLine(out, "count " + std::to_string(w->count.size()));
   for (int b = firstBatch; b <= lastBatch; ++b) {
     U32 g = b % groups;
     for (U32 k = 8 * g; k < 8 * g + 8; ++k) w->count.set(k, checkedValue(k, b));
@@ -587,7 +515,6 @@ TEST_F(ShoalTest, WriterKilledAtRandomPointsRestartsWithEveryCommittedEntry) {
   std::mt19937 rng(7);
   auto reader = startReader("crash");
   int committed = -1;  // last batch known committed
-  int dropped = 0;     // entries restarts found half written
   auto seg = Shoal::Segment::segmentFactory("progress", 8);
   auto* done = progress(seg);
   ASSERT_NE(done, nullptr);
@@ -601,13 +528,11 @@ TEST_F(ShoalTest, WriterKilledAtRandomPointsRestartsWithEveryCommittedEntry) {
     U32 present = static_cast<U32>(std::stoul(hello.substr(6)));
     U32 atLeast = std::min<U32>(8 * groups, 8 * (committed + 1));
     EXPECT_GE(present + 1, atLeast) << "run " << run;
-    dropped += std::stoi(hello.substr(hello.find(" dropped ") + 9));
     usleep(100 + rng() % 5000);
     writer.kill();
     committed = static_cast<int>(done->load()) - 1;
   }
   ASSERT_GT(committed, groups) << "writers too slow to cover every key";
-  RecordProperty("killedInsideASlotWrite", dropped);
   // One more writer runs to a known end; then the reader must hold exactly
   // the latest batch of every group.
   int const end = committed + 1000;
@@ -629,32 +554,6 @@ TEST_F(ShoalTest, WriterKilledAtRandomPointsRestartsWithEveryCommittedEntry) {
   // count lines sort numerically in the reader's map, as here.
   want << "bad 0\n";
   EXPECT_EQ(got, want.str());
-}
-
-// --- segments -------------------------------------------------------------------
-
-// Across processes a segment carries the crash test's progress counter.
-TEST_F(ShoalTest, SegmentIsSharedSurvivesDetachAndIsGoneAfterRemove) {
-  auto s = Shoal::Segment::segmentFactory("ids/counter", 4);
-  auto value = [&] {
-    U32 v;
-    std::memcpy(&v, s->data(), 4);
-    return v;
-  };
-  ASSERT_TRUE(s->attach()) << s->reason().view();
-  EXPECT_EQ(value(), 0u) << "made zero-filled";
-  auto other = Shoal::Segment::segmentFactory("ids/counter", 4);
-  ASSERT_TRUE(other->attach());
-  U32 const x = 41;
-  std::memcpy(other->data(), &x, 4);
-  s->detach();
-  EXPECT_EQ(s->data(), nullptr);
-  ASSERT_TRUE(s->attach());
-  EXPECT_EQ(value(), 41u);
-  s->remove();
-  EXPECT_FALSE(std::filesystem::exists(root.path() + "/ids/counter"));
-  ASSERT_TRUE(s->attach());
-  EXPECT_EQ(value(), 0u);
 }
 
 }  // namespace

@@ -65,9 +65,10 @@ inline std::string readLine(int fd, double seconds, std::string& rest, bool* end
   }
 }
 
-inline void writeLine(int fd, std::string const& l) {
+// False when the line did not go whole (a dead reader).
+inline bool writeLine(int fd, std::string const& l) {
   std::string const s = l + "\n";
-  [[maybe_unused]] ssize_t const n = write(fd, s.data(), s.size());  // a dead reader shows as its silence
+  return fd >= 0 && write(fd, s.data(), s.size()) == static_cast<ssize_t>(s.size());
 }
 
 // A forked child. body(in, out) runs in the child with the read end of the
@@ -102,10 +103,7 @@ class Child {
   Child(Child const&) = delete;
   Child& operator=(Child const&) = delete;
 
-  bool send(std::string const& line) {
-    std::string s = line + "\n";
-    return in_ >= 0 && write(in_, s.data(), s.size()) == static_cast<ssize_t>(s.size());
-  }
+  bool send(std::string const& line) { return writeLine(in_, line); }
   // The next answer line, or "" once the child is silent past the deadline
   // or gone (then ended() is true until the next call).
   std::string line(double seconds) {

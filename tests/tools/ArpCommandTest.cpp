@@ -41,9 +41,6 @@ TEST(ArpCommand, Add6AndDel6ChangeTheKernelTable) {
   r = runCorvid({"arp", "del6", "--ns", ns.name(), "--dev", "veth0", "2001:db8::9"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(shown(), "");
-  r = runCorvid({"arp", "del6", "--ns", ns.name(), "--dev", "veth0", "2001:db8::9"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("No such file or directory"), std::string::npos) << r.err;
 }
 
 TEST(ArpCommand, BadInvocationsFailClearly) {
@@ -53,11 +50,8 @@ TEST(ArpCommand, BadInvocationsFailClearly) {
     int status;
     char const* message;
   } const cases[] = {
-      {{"arp"}, 2, "missing dump, watch, add6 or del6"},
       {{"arp", "flush"}, 2, "unknown arp command 'flush'"},
       {{"arp", "dump"}, 1, "is not there"},
-      {{"arp", "add6", "--dev", "lo", "2001:db8::1"}, 2, "add6 takes ADDR MAC"},
-      {{"arp", "add6", "2001:db8::1", "02:00:00:00:00:01"}, 2, "missing --dev DEV"},
       {{"arp", "add6", "--dev", "lo", "10.0.0.1", "02:00:00:00:00:01"}, 2, "Ip6Addr"},
       {{"arp", "del6", "--dev", "lo", "2001:db8::1", "--state", "gone"}, 2, "--state takes"},
       {{"arp", "del6", "--dev", "corvid-none0", "2001:db8::1"}, 1, "corvid-none0 in namespace default"},
