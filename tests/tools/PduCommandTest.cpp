@@ -14,14 +14,6 @@ namespace {
 
 bool has(std::string const& text, std::string const& part) { return text.find(part) != std::string::npos; }
 
-// The JSON events printed, one object per line.
-std::vector<nlohmann::json> events(std::string const& text) {
-  std::vector<nlohmann::json> out;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) out.push_back(nlohmann::json::parse(line));
-  return out;
-}
-
 class PduCommand : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -63,8 +55,11 @@ TEST_F(PduCommand, AuthenticatedSessionBetweenTwoNamespaces) {
           .finish(20);
   CorvidTest::ToolResult served = server.finish(20);
   EXPECT_EQ(right.status, 0) << right.out << right.err;
-  // connecting, connected, three echoes, then maybe the server's close, then done
-  std::vector<nlohmann::json> const ev = events(right.out);
+  // One JSON event a line: connecting, connected, three echoes, then maybe
+  // the server's close, then done.
+  std::vector<nlohmann::json> ev;
+  std::istringstream lines(right.out);
+  for (std::string line; std::getline(lines, line);) ev.push_back(nlohmann::json::parse(line));
   ASSERT_GE(ev.size(), 6u) << right.out;
   EXPECT_EQ(ev[0]["event"], "connecting");
   EXPECT_EQ(ev[1]["event"], "connected");

@@ -66,7 +66,6 @@ TEST(WatchCommand, CtrlCStopsItWithTheCounters) {
   auto const r = tool.finish(5);
   EXPECT_FALSE(r.timedOut);
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("synced ns default:"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("link add 1 lo"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("resyncs 0 enobufsCount 0 edumpintrsCount 0 doneCount"), std::string::npos) << r.out;
 }
@@ -79,8 +78,6 @@ TEST(WatchCommand, BadInvocationsFailClearly) {
   } const cases[] = {
       {{"watch", "--ns", "corvid-no-such-namespace"}, 1, "namespace 'corvid-no-such-namespace' does not exist"},
       {{"watch", "--bogus"}, 2, "unknown option '--bogus'"},
-      {{"watch", "--seconds", "soon"}, 2, "takes seconds"},
-      {{"watch", "extra"}, 2, "unexpected argument 'extra'"},
       {{"watch", "--ns", std::string(151, 'n')}, 2, "NamespaceName::value::bytes > 150 not allowed"},
   };
   for (auto const& c : cases) {
