@@ -23,14 +23,6 @@ class PduCommand : public ::testing::Test {
   CorvidTest::NetnsScope ns_;
 };
 
-TEST_F(PduCommand, RefusedSendReportsReasonsRetriesAndTimeout) {
-  CorvidTest::ToolResult r =
-      CorvidTest::ToolProcess({"pdu", "send", "--to", "127.0.0.1:7302", "--timeout", "4", "--backoff", "2"}).finish(20);
-  EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(has(r.out, "retryInterval=2 errors=2\n")) << r.out;  // --backoff doubled the first interval
-  EXPECT_TRUE(has(r.err, "corvid pdu send: no connection: Connect (Connection refused)")) << r.err;
-}
-
 // The README's walk-through: an MD5-authenticated session between two named
 // namespaces joined by a veth pair; a wrong key never connects, the right
 // one gets every PDU echoed.
