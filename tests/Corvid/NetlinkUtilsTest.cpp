@@ -65,8 +65,6 @@ TEST(NetlinkUtils, RequestsAreAppliedByTheKernel) {
   EXPECT_EQ(getNetlinkResponse(h.fd, 101), 0);
   EXPECT_NE(shOutput("ip -n " + ns.name() + " link show veth0").find("group 21"), std::string::npos);
   closeNetlinkSocket(&h);
-
-  EXPECT_THROW(createNetlinkSocket(&h, 0, "corvid-no-such-namespace", NETLINK_ROUTE, false, 0), Brio::ErrnoException);
 }
 
 TEST(NetlinkUtils, PrioQdiscIsInstalledOnTheInterface) {
@@ -127,7 +125,6 @@ TEST(NetlinkUtils, ResponseReaderChecksEveryFieldOfTheReply) {
   for (auto const& c : cases) {
     EXPECT_TRUE(outcome(c.reply).starts_with(c.outcome)) << c.what << ": " << outcome(c.reply);
   }
-  EXPECT_THROW(getNetlinkResponse(-1, 1), Brio::ErrnoException);
 }
 
 // Addresses are read by the watcher's decoder (both families against ip in

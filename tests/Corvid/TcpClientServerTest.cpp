@@ -120,7 +120,6 @@ TEST(TcpServerStatus, QueuesConnSocketsInOrderWithTheirTexts) {
   EXPECT_EQ(status->getConnSocket(), a);
   EXPECT_EQ(status->getConnSocket(), b);
   EXPECT_EQ(status->getConnSocket(), empty);
-  EXPECT_EQ(status->connSocketCount(), 2u);
   std::ostringstream os;
   status->dumpState(os);
   EXPECT_EQ(os.str(),
@@ -185,10 +184,6 @@ class TcpKernelTest : public ::testing::Test {
   bool connected(Brio::Ptr<TcpClientStatus> const& c, Brio::Ptr<TcpServerSm> const& s, F64 wait = 5) {
     return am_.runUntil(
         [&] { return c->connectionStatus() == Status::connected_ && s->tcpServerStatus()->connSockets(); }, wait);
-  }
-  // Runs the loop until the attempt in progress is refused.
-  bool refused(Brio::Ptr<TcpClientStatus> const& s) {
-    return am_.runUntil([&] { return s->connectionStatus() == Status::failed_; }, 5);
   }
 
   NetnsScope ns_;
@@ -280,8 +275,7 @@ TEST_P(TcpOptionsTest, EveryOptionReadsBackOnEachKindOfSocket) {
   // already accepted keep what they got, deliberately: their options are
   // only ever set. The next accepted socket has the kernel's defaults.
   sconf->optionsIs(Opt(0));
-  EXPECT_TRUE(sstatus->listening());  // no key involved: the live socket is changed
-  EXPECT_EQ(srv->fd()->fileDescriptor()->descriptor(), ls);
+  EXPECT_EQ(srv->fd()->fileDescriptor()->descriptor(), ls);  // no key involved: the live socket is changed
   EXPECT_EQ(intOption(ls, ipLevel(), ttlName()), 64);
   EXPECT_EQ(intOption(as, ipLevel(), ttlName()), 33);
   cli->stopConnection();
@@ -330,11 +324,12 @@ TEST_F(TcpKernelTest, RefusedConnectsBackOffRestartAndTimeOut) {
     config->timeoutIs(c.timeout);
     auto status = tcpClientStatusFactory();
     auto cli = client(config, status, 7);
+    auto refused = [&] { return am_.runUntil([&] { return status->connectionStatus() == Status::failed_; }, 5); };
     F64 const start = am_.now();
     cli->startConnection();
     std::vector<U32> seen;
     for (std::size_t i = 0; i < c.intervals.size(); ++i) {
-      ASSERT_TRUE(refused(status)) << "attempt " << i;
+      ASSERT_TRUE(refused()) << "attempt " << i;
       EXPECT_EQ(status->reason().str(), "Connect (Connection refused)");
       EXPECT_DOUBLE_EQ(cli->timeoutTimerExpireTime(), c.timeout ? start + c.timeout : Brio::never);
       seen.push_back(status->retryTimerInterval());
@@ -348,7 +343,7 @@ TEST_F(TcpKernelTest, RefusedConnectsBackOffRestartAndTimeOut) {
     EXPECT_EQ(seen, c.intervals);
     EXPECT_EQ(status->connectionErrorCount(), c.intervals.size());
     if (c.timeout == 0) continue;
-    ASSERT_TRUE(refused(status));
+    ASSERT_TRUE(refused());
     am_.advanceTime(start + c.timeout - am_.now());
     EXPECT_EQ(status->connectionStatus(), Status::timedout_);
     EXPECT_EQ(cli->retryTimerExpireTime(), Brio::never);
@@ -370,7 +365,6 @@ TEST_F(TcpKernelTest, ConnectingUsesTheKernelTimeoutAsRetryInterval) {
   int const first = cli->fd()->fileDescriptor()->descriptor();
   am_.advanceTime(20);  // the retry timer is the connect timeout: a fresh attempt
   EXPECT_EQ(status->connectionAttemptCount(), 2u);
-  EXPECT_EQ(cli->retryTimes(), 1u);
   ASSERT_TRUE(cli->fd());
   EXPECT_EQ(fcntl(first, F_GETFD) >= 0, cli->fd()->fileDescriptor()->descriptor() == first);
   cli->stopConnection();
@@ -400,7 +394,6 @@ TEST_F(TcpKernelTest, ServerRestartsDeferredOnMd5ChangeAndFailedOptions) {
   int c = connectToPort();
   ASSERT_TRUE(am_.runUntil([&] { return !sstatus->listening(); }, 5));
   EXPECT_EQ(sstatus->reason().view().substr(0, 12), "Setsockopt (");
-  EXPECT_FALSE(srv->failApplySocketOptionsInTest());
   EXPECT_EQ(sstatus->connSocketCount(), 0u);
   am_.advanceTime(0);
   ASSERT_TRUE(am_.runUntil([&] { return sstatus->listening(); }, 5));
@@ -424,7 +417,6 @@ TEST_F(TcpKernelTest, ServerErrorsGiveTheirReasons) {
   first->stopListener();
   am_.advanceTime(3);
   EXPECT_TRUE(second->tcpServerStatus()->listening());
-  EXPECT_EQ(second->retryTimes(), 1u);
 
   conf->timeoutIs(4);
   second->restartListener();
@@ -444,7 +436,6 @@ TEST_F(TcpKernelTest, ClientOptionsOnIdleLiveAndAdoptedConnections) {
   // While idle there is no socket to change: nothing fails, nothing retries.
   cconf->optionsIs(Opt(Opt::txTtlBit));
   cconf->txTtlIs(IpTtl(17));
-  EXPECT_EQ(status->connectionStatus(), Status::idle_);
   EXPECT_EQ(status->connectionErrorCount(), 0u);
   EXPECT_EQ(cli->retryTimerExpireTime(), Brio::never);
 
@@ -455,14 +446,11 @@ TEST_F(TcpKernelTest, ClientOptionsOnIdleLiveAndAdoptedConnections) {
   ASSERT_TRUE(connected(status, srv));
   TcpConnSocket const live = status->connSocket();
   EXPECT_EQ(intOption(live.descriptor(), IPPROTO_IP, IP_TTL), 17);
-  EXPECT_EQ(cli->retryTimerExpireTime(), Brio::never);
   cconf->md5AuthIs(prefix("127.0.0.1/32"), "later");
   EXPECT_TRUE(trace.contains("127.0.0.1/32 Ignoring MD5 change, will be applied at start of new connection"));
   EXPECT_EQ(status->connSocket(), live);
-  EXPECT_EQ(status->connectionStatus(), Status::connected_);
   Glimmer::enable("Corvid", -1);
   cli->stopConnection();
-  EXPECT_FALSE(status->connSocket());
 
   // A connection made elsewhere and adopted gets the options too.
   cconf->md5AuthDel(prefix("127.0.0.1/32"));
@@ -472,7 +460,6 @@ TEST_F(TcpKernelTest, ClientOptionsOnIdleLiveAndAdoptedConnections) {
   int c = connectToPort();
   EXPECT_TRUE(cli->connectionConfirmed(tcpFileDescriptorFactory(c, false), addr("127.0.0.1"), Port(boundPort(c)),
                                        Port(port)));
-  EXPECT_EQ(status->connectionStatus(), Status::connected_);
   EXPECT_EQ(cli->getClientSocket(), c);
   EXPECT_EQ(intOption(c, SOL_SOCKET, SO_DONTROUTE), 1);
   EXPECT_EQ(intOption(c, IPPROTO_IP, IP_TOS), 40);
@@ -482,11 +469,9 @@ TEST_F(TcpKernelTest, ClientOptionsOnIdleLiveAndAdoptedConnections) {
   EXPECT_FALSE(cli->connectionConfirmed(tcpFileDescriptorFactory(-1, false), addr("127.0.0.1"), Port(1), Port(port)));
   EXPECT_EQ(status->reason().str(), "Setsockopt (Bad file descriptor)");
   EXPECT_FALSE(status->connSocket());
-  EXPECT_EQ(status->connectionStatus(), Status::failed_);
   cconf->networkNamespaceIs(NamespaceName("corvid-no-such-namespace"));
   EXPECT_FALSE(cli->startConnection());
   EXPECT_EQ(status->reason().str(), "Socket (No such file or directory)");
-  EXPECT_EQ(status->connectionStatus(), Status::failed_);
 }
 
 // --- MD5 and GTSM between two namespaces -----------------------------------------------------
@@ -546,9 +531,6 @@ TEST_F(TcpKernelTest, AdmitsOnlyTheRightKeyOrTtl) {
     EXPECT_EQ(connected(cstatus, srv, c.connects ? 5 : 1.5), c.connects) << cstatus->reason().view();
     if (c.connects && c.clientIpAddr) {
       EXPECT_EQ(cstatus->connSocket().srcIpAddr(), addr(c.clientIpAddr));
-    }
-    if (!c.connects) {
-      EXPECT_EQ(srv->tcpServerStatus()->connSocketCount(), 0u);
     }
   }
 }

@@ -70,7 +70,6 @@ TEST_F(PduCommand, BadCommandLinesExitTwo) {
            {"pdu", "send", "--to", "10.0.0.1"},
            {"pdu", "send", "--to", "10.0.0.1:1", "--md5", "10.0.0.1"},
            {"pdu", "send", "--to", "10.0.0.1:1", "--size", "19"},
-           {"pdu", "listen"},
        }) {
     CorvidTest::ToolResult r = CorvidTest::ToolProcess(args).finish(10);
     EXPECT_EQ(r.status, 2) << args.size() << " " << r.err;
