@@ -195,7 +195,6 @@ TEST_F(TcpPduPamTest, FramingInEveryReadMode) {
       EXPECT_TRUE(owner.got == c.pdus);
       EXPECT_EQ(owner.error, c.error);
       EXPECT_EQ(pam->rxErrors(), *c.error ? 1u : 0u);
-      EXPECT_FALSE(pam->readable());
     }
   }
 }
