@@ -158,7 +158,6 @@ TEST_F(KernelNetNsInfoTest, StartupListingAndBareFilesParkedUntilMountedOrDelete
   Glimmer::Capture capture;
   int const descriptors = CorvidTest::openDescriptors();
   start();
-  EXPECT_TRUE(manager->initialized());
   expectNode(ns.name());
   EXPECT_FALSE(parked(ns.name()));
   ASSERT_EQ(sh("touch " + pathOf(mounted.name())), 0);
@@ -173,7 +172,6 @@ TEST_F(KernelNetNsInfoTest, StartupListingAndBareFilesParkedUntilMountedOrDelete
   EXPECT_TRUE(runUntil([&] { return inTree(mounted.name()); })) << "not in the tree after " << joinTimeout << " s";
   expectNode(mounted.name());
   EXPECT_FALSE(parked(mounted.name()));
-  EXPECT_FALSE(inTree(deleted.name()));
   EXPECT_TRUE(runUntil([&] { return !manager->clockRunning(); })) << "nothing is parked: the clock must stop";
   Glimmer::enable("Corvid", -1);
   // Entries listed at start-up are not taken for inotify events.

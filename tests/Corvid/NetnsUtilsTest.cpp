@@ -129,5 +129,4 @@ TEST_F(NetnsUtils, MoveIntfNetNsMovesAnInterfaceBetweenNamespaces) {
   moveIntfNetNs("cvd0", from.c_str(), to.c_str());
   EXPECT_EQ(to.ip("link show cvd0 >/dev/null 2>&1"), 0);
   EXPECT_NE(from.ip("link show cvd0 >/dev/null 2>&1"), 0);
-  EXPECT_THROW(moveIntfNetNs("cvd0", from.c_str(), to.c_str()), Brio::ErrnoException);
 }
