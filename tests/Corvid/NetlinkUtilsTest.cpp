@@ -6,7 +6,6 @@
 #include <Corvid/NetlinkUtils.h>
 #include <gtest/gtest.h>
 #include <linux/neighbour.h>
-#include <net/if.h>
 #include <sys/socket.h>
 #include <unistd.h>
 

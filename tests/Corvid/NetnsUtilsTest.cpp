@@ -39,18 +39,11 @@ ino_t socketNetNs(int sd) {
   return ino;
 }
 
-class NetnsUtils : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (geteuid() != 0) GTEST_SKIP() << "needs root to make network namespaces";
-  }
-};
-
 }  // namespace
 
-TEST_F(NetnsUtils, SocketAtOpensInTheNamedNamespaceAndLeavesTheThreadWhereItWas) {
+TEST(NetnsUtils, SocketAtOpensInTheNamedNamespaceAndLeavesTheThreadWhereItWas) {
   NamedNetns ns("sock");
-  ASSERT_TRUE(ns.ok());
+  CORVID_REQUIRE_NETNS(ns);
   ino_t const before = threadNetNs();
   int sd = socketAt(AF_INET, SOCK_DGRAM, 0, ns.c_str());
   ASSERT_GE(sd, 0);
@@ -68,7 +61,8 @@ TEST_F(NetnsUtils, SocketAtOpensInTheNamedNamespaceAndLeavesTheThreadWhereItWas)
   }
 }
 
-TEST_F(NetnsUtils, SocketAtReportsMissingAndNotYetMountedNamespacesByErrno) {
+TEST(NetnsUtils, SocketAtReportsMissingAndNotYetMountedNamespacesByErrno) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to make network namespaces";
   NamedNetns missing("missing", false);
   errno = 0;
   EXPECT_EQ(socketAt(AF_INET, SOCK_DGRAM, 0, missing.c_str()), -1);
@@ -94,9 +88,9 @@ TEST_F(NetnsUtils, SocketAtReportsMissingAndNotYetMountedNamespacesByErrno) {
   EXPECT_EQ(netNsInode(bare.c_str()), made);
 }
 
-TEST_F(NetnsUtils, SetNsByNameMovesOnlyTheCallingThread) {
+TEST(NetnsUtils, SetNsByNameMovesOnlyTheCallingThread) {
   NamedNetns ns("setns");
-  ASSERT_TRUE(ns.ok());
+  CORVID_REQUIRE_NETNS(ns);
   ino_t const mine = threadNetNs();
   ino_t seen = 0;
   std::thread([&] {
@@ -108,7 +102,7 @@ TEST_F(NetnsUtils, SetNsByNameMovesOnlyTheCallingThread) {
   EXPECT_THROW(setNsByName("corvid-no-such-namespace"), Brio::ErrnoException);
 }
 
-TEST_F(NetnsUtils, MountDefaultNetNsPublishesTheProcessNamespace) {
+TEST(NetnsUtils, MountDefaultNetNsPublishesTheProcessNamespace) {
   // Run in a namespace of our own so the published entry names it, not the
   // machine's, and remove the entry whatever happens.
   CorvidTest::NetnsScope scope;
@@ -122,9 +116,10 @@ TEST_F(NetnsUtils, MountDefaultNetNsPublishesTheProcessNamespace) {
   EXPECT_EQ(netNsInode(DEFAULT_NS), inodeOf("/proc/self/ns/net"));
 }
 
-TEST_F(NetnsUtils, MoveIntfNetNsMovesAnInterfaceBetweenNamespaces) {
+TEST(NetnsUtils, MoveIntfNetNsMovesAnInterfaceBetweenNamespaces) {
   NamedNetns from("from"), to("to");
-  ASSERT_TRUE(from.ok() && to.ok());
+  CORVID_REQUIRE_NETNS(from);
+  ASSERT_TRUE(to.ok());
   ASSERT_EQ(from.ip("link add cvd0 type veth peer name cvd1"), 0);
   moveIntfNetNs("cvd0", from.c_str(), to.c_str());
   EXPECT_EQ(to.ip("link show cvd0 >/dev/null 2>&1"), 0);
