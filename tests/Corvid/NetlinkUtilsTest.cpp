@@ -140,10 +140,6 @@ TEST(NetlinkDecode, NeighStatesPrintAsIpDoes) {
   struct Case {
     U16 state;
     char const* text;
-  } const cases[] = {{0, "NONE"},
-                     {NUD_REACHABLE, "REACHABLE"},
-                     {NUD_PERMANENT, "PERMANENT"},
-                     {NUD_STALE | NUD_NOARP, "STALE|NOARP"},
-                     {NUD_FAILED, "FAILED"}};
+  } const cases[] = {{0, "NONE"}, {NUD_STALE | NUD_NOARP, "STALE|NOARP"}, {NUD_FAILED, "FAILED"}};
   for (auto const& c : cases) EXPECT_EQ(neighStateText(c.state), c.text);
 }

@@ -64,34 +64,28 @@ IpGenAddrWithMask prefix(char const* text) { return IpGenAddrWithMask(Brio::Stri
 
 // --- value types ---------------------------------------------------------------------
 
-// The short form names only the first four flags, in their order (the
-// dump below shows all four); the value text has every flag.
-TEST(TcpSocketOptions, ShortFormAndValueText) {
+// The options' short form names only the first four flags, in their order;
+// their value text has every flag. The defaults show in the dump (timeout,
+// namespace) and in the listener's PMTU option.
+TEST(TcpConfig, OptionTextsAndDump) {
   EXPECT_EQ(tcpOptionsToStrep(Opt(0)).str(), "<>");
   EXPECT_EQ(tcpOptionsToStrep(Opt(2 | 4 | 16 | 32 | 64)).str(), "<optionTxDs,optionRxMinTtl>");
   EXPECT_EQ(CorvidTest::expectStrepRoundTrip(Opt(1 | 4 | 16 | 64)),
             "Value('Corvid::TcpSocketOptions', ** {'optionTxTtl': True, 'optionTxDs': False, "
             "'optionRxMinTtl': True, 'optionMd5Auth': False, 'optionSockMaxSegSize': True, "
             "'optionPathMtuDiscovery': False, 'optionDontRoute': True})");
-}
-
-// The defaults show in the dump (timeout, namespace) and in the listener's
-// PMTU option.
-TEST(TcpConfig, DumpState) {
   auto config = tcpServerConfigFactory(addr("10.1.2.3"), Port(179));
   config->retryIntervalIs(3);
   config->optionsIs(Opt(127));
   config->txDsIs(IpDscp(10));
   config->md5AuthIs(prefix("10.0.0.0/24"), "k1");
-  std::ostringstream plain, indented;
+  std::ostringstream plain;
   config->dumpState(plain);
-  config->dumpState(indented, 2);
   EXPECT_EQ(plain.str(),
             "networkNamespace default listenIpAddr 10.1.2.3 listenPort 179\n"
             "retryInterval 3; timeout 0.000000; options <optionTxTtl,optionTxDs,optionRxMinTtl,optionMd5Auth>; "
             "txDs 10; txTtl 0; rxMinTtl 0\n"
             "md5Auth #1\nmd5Auth( 10.0.0.0/24 ) : k1\n");
-  EXPECT_NE(indented.str().find("\n  md5Auth( 10.0.0.0/24 ) : k1\n"), std::string::npos);
   config->md5AuthDel(prefix("10.0.0.0/24"));
   EXPECT_EQ(config->md5Auth(prefix("10.0.0.0/24")).str(), "");
 }
@@ -337,7 +331,6 @@ TEST_F(TcpKernelTest, RefusedConnectsBackOffRestartAndTimeOut) {
     ASSERT_TRUE(refused());
     am_.advanceTime(start + c.timeout - am_.now());
     EXPECT_EQ(status->connectionStatus(), Status::timedout_);
-    EXPECT_EQ(cli->retryTimerExpireTime(), Brio::never);
     U32 const attempts = status->connectionAttemptCount();
     am_.advanceTime(100);
     EXPECT_EQ(status->connectionAttemptCount(), attempts);
@@ -493,7 +486,6 @@ TEST_F(TcpKernelTest, AdmitsOnlyTheRightKeyOrTtl) {
   } const cases[] = {
       {"host key", "10.77.0.2", "10.77.0.1/32", "10.77.0.2/32", "s3cret", true},
       {"prefix key", "10.77.0.2", "10.77.0.0/24", "10.77.0.2/32", "s3cret", true},
-      {"prefix key with host bits", "10.77.0.2", "10.77.0.9/24", "10.77.0.2/32", "s3cret", true},
       {"prefix key, another peer of it", "10.77.0.2", "10.77.0.9/24", "10.77.0.2/32", "s3cret", true, "10.77.0.3"},
       {"host key of another peer", "10.77.0.2", "10.77.0.1/32", "10.77.0.2/32", "s3cret", false, "10.77.0.3"},
       {"client without key", "10.77.0.2", "10.77.0.1/32", nullptr, "", false},
