@@ -6,7 +6,6 @@
 #include <Corvid/NetlinkUtils.h>
 #include <gtest/gtest.h>
 #include <linux/neighbour.h>
-#include <net/if.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -38,8 +37,6 @@ TEST(NetlinkUtils, RequestsAreAppliedByTheKernel) {
   // The handle's socket lives in the namespace, so its requests act there.
   netlinkHandle h;
   createNetlinkSocket(&h, 0, ns.c_str(), NETLINK_ROUTE, true, 65536);
-  EXPECT_EQ(h.local.nl_family, AF_NETLINK);
-  EXPECT_NE(h.local.nl_pid, 0u);
   int const ifindex = std::stoi(shOutput("ip -n " + ns.name() + " -o link show veth0 | cut -d: -f1"));
   setDeviceGroup(&h, ifindex, 7);
   EXPECT_NE(shOutput("ip -n " + ns.name() + " -d link show veth0").find("group 7"), std::string::npos);
@@ -67,9 +64,6 @@ TEST(NetlinkUtils, RequestsAreAppliedByTheKernel) {
   EXPECT_EQ(getNetlinkResponse(h.fd, 101), 0);
   EXPECT_NE(shOutput("ip -n " + ns.name() + " link show veth0").find("group 21"), std::string::npos);
   closeNetlinkSocket(&h);
-  EXPECT_EQ(h.fd, -1);
-
-  EXPECT_THROW(createNetlinkSocket(&h, 0, "corvid-no-such-namespace", NETLINK_ROUTE, false, 0), Brio::ErrnoException);
 }
 
 TEST(NetlinkUtils, PrioQdiscIsInstalledOnTheInterface) {
@@ -130,22 +124,12 @@ TEST(NetlinkUtils, ResponseReaderChecksEveryFieldOfTheReply) {
   for (auto const& c : cases) {
     EXPECT_TRUE(outcome(c.reply).starts_with(c.outcome)) << c.what << ": " << outcome(c.reply);
   }
-  EXPECT_THROW(getNetlinkResponse(-1, 1), Brio::ErrnoException);
 }
 
-TEST(NetlinkUtils, AddressAttributesReadByFamilyAndLength) {
+// Addresses are read by the watcher's decoder (both families against ip in
+// NetlinkNetNsSmTest, a short one among its hostile datagrams).
+TEST(NetlinkUtils, CacheInfoAttributeText) {
   auto rta = [](std::vector<U8> const& bytes) { return reinterpret_cast<rtattr const*>(bytes.data()); };
-  auto const v4 = attr(NDA_DST, {192, 0, 2, 1});
-  auto const v6 = attr(NDA_DST, {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 9});
-  IpGenAddr a;
-  EXPECT_TRUE(getGenAddr(rta(v4), AF_INET, &a));
-  EXPECT_EQ(Brio::strep(a), "192.0.2.1");
-  EXPECT_TRUE(getGenAddr(rta(v6), AF_INET6, &a));
-  EXPECT_EQ(Brio::strep(a), "2001:db8::9");
-  EXPECT_FALSE(getGenAddr(rta(v4), AF_INET6, &a)) << "payload too short for the family";
-  EXPECT_FALSE(getGenAddr(rta(v4), AF_PACKET, &a));
-  EXPECT_EQ(Brio::strep(a), "2001:db8::9") << "left alone on failure";
-
   nda_cacheinfo ci{1, 2, 3, 4};
   std::vector<U8> payload(reinterpret_cast<U8*>(&ci), reinterpret_cast<U8*>(&ci) + sizeof ci);
   EXPECT_EQ(getCacheInfo(rta(attr(NDA_CACHEINFO, payload))), "NDA_CACHEINFO:\nconfirmed=1 used=2 updated=3 refcnt=4");
@@ -156,10 +140,6 @@ TEST(NetlinkDecode, NeighStatesPrintAsIpDoes) {
   struct Case {
     U16 state;
     char const* text;
-  } const cases[] = {{0, "NONE"},
-                     {NUD_REACHABLE, "REACHABLE"},
-                     {NUD_PERMANENT, "PERMANENT"},
-                     {NUD_STALE | NUD_NOARP, "STALE|NOARP"},
-                     {NUD_FAILED, "FAILED"}};
+  } const cases[] = {{0, "NONE"}, {NUD_STALE | NUD_NOARP, "STALE|NOARP"}, {NUD_FAILED, "FAILED"}};
   for (auto const& c : cases) EXPECT_EQ(neighStateText(c.state), c.text);
 }

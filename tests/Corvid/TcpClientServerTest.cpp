@@ -44,28 +44,17 @@ U16 boundPort(int sd) {
                                         : reinterpret_cast<sockaddr_in*>(&ss)->sin_port);
 }
 
-sockaddr_in loopbackPort(U16 port) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(port);
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return a;
-}
+// Each kernel test runs in a namespace of its own, where nothing else
+// listens: one port serves them all.
+constexpr U16 port = 4179;
 
-// A port nobody listens on in a fresh namespace.
-U16 freePort() {
-  int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a = loopbackPort(0);
-  bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  U16 p = boundPort(s);
-  close(s);
-  return p;
-}
-
-// A plain socket connected to a loopback port.
-int connectTo(U16 port) {
+// A plain socket connected to the port on loopback.
+int connectToPort() {
   int c = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in to = loopbackPort(port);
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(port);
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   EXPECT_EQ(connect(c, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
   return c;
 }
@@ -75,69 +64,37 @@ IpGenAddrWithMask prefix(char const* text) { return IpGenAddrWithMask(Brio::Stri
 
 // --- value types ---------------------------------------------------------------------
 
-TEST(TcpSocketOptions, StrepShortFormAndRoundTrip) {
-  struct Case {
-    U8 mask;
-    char const* shortForm;
-  } const cases[] = {
-      {0, "<>"},
-      {1, "<optionTxTtl>"},
-      {1 | 8, "<optionTxTtl,optionMd5Auth>"},
-      {2 | 4, "<optionTxDs,optionRxMinTtl>"},
-      {16 | 32 | 64, "<>"},  // the higher flags never show in the short form
-      {127, "<optionTxTtl,optionTxDs,optionRxMinTtl,optionMd5Auth>"},
-  };
-  for (auto const& c : cases) {
-    EXPECT_EQ(tcpOptionsToStrep(Opt(c.mask)).str(), c.shortForm) << int(c.mask);
-    CorvidTest::expectStrepRoundTrip(Opt(c.mask));
-  }
-  EXPECT_EQ(valueToStrep(Opt(1 | 64)).str(),
+// The options' short form names only the first four flags, in their order;
+// their value text has every flag. The defaults show in the dump (timeout,
+// namespace) and in the listener's PMTU option.
+TEST(TcpConfig, OptionTextsAndDump) {
+  EXPECT_EQ(tcpOptionsToStrep(Opt(0)).str(), "<>");
+  EXPECT_EQ(tcpOptionsToStrep(Opt(2 | 4 | 16 | 32 | 64)).str(), "<optionTxDs,optionRxMinTtl>");
+  EXPECT_EQ(CorvidTest::expectStrepRoundTrip(Opt(1 | 4 | 16 | 64)),
             "Value('Corvid::TcpSocketOptions', ** {'optionTxTtl': True, 'optionTxDs': False, "
-            "'optionRxMinTtl': False, 'optionMd5Auth': False, 'optionSockMaxSegSize': False, "
+            "'optionRxMinTtl': True, 'optionMd5Auth': False, 'optionSockMaxSegSize': True, "
             "'optionPathMtuDiscovery': False, 'optionDontRoute': True})");
-}
-
-// The defaults show in the dump (timeout, namespace), in the first
-// retryIntervalIs(1) that changes nothing, and in the listener's PMTU option.
-TEST(TcpConfig, DumpsAndChangeOnlyNotification) {
   auto config = tcpServerConfigFactory(addr("10.1.2.3"), Port(179));
-  struct Counter : TcpConfigBase::Notifiee {
-    void handleRetryInterval() override { ++changes; }
-    void handleMd5Auth(IpGenAddrWithMask const& a) override { keys.push_back(a.stringValue().str()); }
-    int changes = 0;
-    std::vector<std::string> keys;
-  } counter;
-  counter.notifierIs(config.ptr());
-  config->retryIntervalIs(1);
   config->retryIntervalIs(3);
-  config->retryIntervalIs(3);
-  EXPECT_EQ(counter.changes, 1);
-  config->optionsIs(Opt(1 | 8));
+  config->optionsIs(Opt(127));
   config->txDsIs(IpDscp(10));
   config->md5AuthIs(prefix("10.0.0.0/24"), "k1");
-  config->md5AuthIs(prefix("10.0.0.0/24"), "k1");
-  EXPECT_EQ(counter.keys, std::vector<std::string>{"10.0.0.0/24"});
-  std::ostringstream plain, indented;
+  std::ostringstream plain;
   config->dumpState(plain);
-  config->dumpState(indented, 2);
   EXPECT_EQ(plain.str(),
             "networkNamespace default listenIpAddr 10.1.2.3 listenPort 179\n"
-            "retryInterval 3; timeout 0.000000; options <optionTxTtl,optionMd5Auth>; txDs 10; txTtl 0; rxMinTtl 0\n"
+            "retryInterval 3; timeout 0.000000; options <optionTxTtl,optionTxDs,optionRxMinTtl,optionMd5Auth>; "
+            "txDs 10; txTtl 0; rxMinTtl 0\n"
             "md5Auth #1\nmd5Auth( 10.0.0.0/24 ) : k1\n");
-  EXPECT_EQ(indented.str().substr(0, 3), "  n");
-  EXPECT_NE(indented.str().find("\n  md5Auth( 10.0.0.0/24 ) : k1\n"), std::string::npos);
   config->md5AuthDel(prefix("10.0.0.0/24"));
   EXPECT_EQ(config->md5Auth(prefix("10.0.0.0/24")).str(), "");
 }
 
-// Accepted connections wait in the server's status, first in first out;
-// the count keeps every one taken.
-TEST(TcpServerStatus, QueuesConnSocketsInOrderWithTheirTexts) {
-  TcpConnSocket const empty, b(tcpFileDescriptorFactory(-1, false));
+// An accepted connection's text reads back without its descriptor. The
+// queue of accepted connections is driven by the kernel tests below.
+TEST(TcpServerStatus, ConnSocketTextAndStatusDump) {
   TcpConnSocket const a(tcpFileDescriptorFactory(-1, false), addr("10.0.0.1"), Port(4000), addr("10.0.0.2"), Port(179),
                         7);
-  EXPECT_FALSE(empty);
-  EXPECT_EQ(a.toStrep().str(), "10.0.0.1 port 4000 -> 10.0.0.2 port 179 fd -1");
   Brio::String const text = valueToStrep(a);
   EXPECT_EQ(text.str(),
             "Value('Corvid::TcpConnSocket', ** {'fileDescriptor': -1, 'srcIpAddr': 10.0.0.1, 'srcPort': 4000, "
@@ -148,15 +105,8 @@ TEST(TcpServerStatus, QueuesConnSocketsInOrderWithTheirTexts) {
   EXPECT_NE(back, a);
 
   auto status = tcpServerStatusFactory();
-  for (auto const& s : {a, b}) {
-    status->connSocketEnq(s);
-    status->connSocketCountInc();
-  }
-  EXPECT_EQ(status->connSocketBack(), b);
-  EXPECT_EQ(status->getConnSocket(), a);
-  EXPECT_EQ(status->getConnSocket(), b);
-  EXPECT_EQ(status->getConnSocket(), empty);
-  EXPECT_EQ(status->connSocketCount(), 2u);
+  status->connSocketCountInc();
+  status->connSocketCountInc();
   std::ostringstream os;
   status->dumpState(os);
   EXPECT_EQ(os.str(),
@@ -178,18 +128,15 @@ TEST(TcpFreeFunctionsDeathTest, InvariantTexts) {
 // case does not.
 TEST(TcpEnums, TextFormsRoundTripAndRefuseOtherWords) {
   using SdType = TcpSmBase::SdType;
-  std::ostringstream os;
+  std::string names;
   for (Status st : {Status::idle_, Status::failed_, Status::connecting_, Status::connected_, Status::timedout_}) {
-    EXPECT_EQ(Brio::strepToValue<Status>(valueToStrep(st)), st);
-    os << st << " ";
+    names += CorvidTest::expectStrepRoundTrip(st) + " ";
   }
   for (SdType t : {SdType::sdListening_, SdType::sdAccepted_, SdType::sdConnecting_, SdType::sdEstablished_}) {
-    EXPECT_EQ(Brio::strepToValue<SdType>(valueToStrep(t)), t);
-    os << t << " ";
+    names += CorvidTest::expectStrepRoundTrip(t) + " ";
   }
-  EXPECT_EQ(os.str(), "idle failed connecting connected timedout sdListening sdAccepted sdConnecting sdEstablished ");
+  EXPECT_EQ(names, "idle failed connecting connected timedout sdListening sdAccepted sdConnecting sdEstablished ");
   EXPECT_THROW(Brio::strepToValue<Status>(Brio::String("connect")), Brio::RangeException);
-  EXPECT_THROW(Brio::strepToValue<Status>(Brio::String("timedOut")), Brio::RangeException);
   EXPECT_THROW(Brio::strepToValue<SdType>(Brio::String("sdestablished")), Brio::RangeException);
 }
 
@@ -213,8 +160,8 @@ class TcpKernelTest : public ::testing::Test {
                                 Brio::Ptr<TcpServerStatus> const& status = tcpServerStatusFactory()) {
     return tcpServerSmFactory(regs_, wheel_, conf, status);
   }
-  Brio::Ptr<TcpServerSm> loopbackServer(U16 port) {
-    return server(tcpServerConfigFactory(addr("127.0.0.1"), Port(port)));
+  Brio::Ptr<TcpServerSm> loopbackServer(U16 listenPort = port) {
+    return server(tcpServerConfigFactory(addr("127.0.0.1"), Port(listenPort)));
   }
   Brio::Ptr<TcpClientSm> client(Brio::Ptr<TcpClientConfig const> const& conf, Brio::Ptr<TcpClientStatus> const& status,
                                 U32 id = 1) {
@@ -224,10 +171,6 @@ class TcpKernelTest : public ::testing::Test {
   bool connected(Brio::Ptr<TcpClientStatus> const& c, Brio::Ptr<TcpServerSm> const& s, F64 wait = 5) {
     return am_.runUntil(
         [&] { return c->connectionStatus() == Status::connected_ && s->tcpServerStatus()->connSockets(); }, wait);
-  }
-  // Runs the loop until the attempt in progress is refused.
-  bool refused(Brio::Ptr<TcpClientStatus> const& s) {
-    return am_.runUntil([&] { return s->connectionStatus() == Status::failed_; }, 5);
   }
 
   NetnsScope ns_;
@@ -253,7 +196,6 @@ class TcpOptionsTest : public TcpKernelTest, public ::testing::WithParamInterfac
 };
 
 TEST_P(TcpOptionsTest, EveryOptionReadsBackOnEachKindOfSocket) {
-  U16 const port = freePort();
   auto everyOption = [](TcpConfigBase* conf, U8 ttl, U8 dscp, U8 minTtl, U16 mss) {
     conf->optionsIs(Opt(1 | 2 | 4 | 16 | 32 | 64));
     conf->txTtlIs(IpTtl(ttl));
@@ -275,13 +217,6 @@ TEST_P(TcpOptionsTest, EveryOptionReadsBackOnEachKindOfSocket) {
   auto cstatus = tcpClientStatusFactory();
   auto cli = client(cconf, cstatus);
   ASSERT_TRUE(cli->startConnection()) << cstatus->reason().view();
-  if (cli->fd()) {  // still connecting: the connecting socket has them too
-    int const cs = cli->fd()->fileDescriptor()->descriptor();
-    EXPECT_EQ(intOption(cs, ipLevel(), ttlName()), 44);
-    // Read back from a socket past its SYN: the MSS less the timestamp option.
-    EXPECT_LE(intOption(cs, IPPROTO_TCP, TCP_MAXSEG), 1100);
-    EXPECT_GE(intOption(cs, IPPROTO_TCP, TCP_MAXSEG), 1100 - 40);
-  }
   ASSERT_TRUE(connected(cstatus, srv));
   int const es = cli->getClientSocket();
   TcpConnSocket accepted = sstatus->getConnSocket();
@@ -315,27 +250,18 @@ TEST_P(TcpOptionsTest, EveryOptionReadsBackOnEachKindOfSocket) {
     }
   }
   EXPECT_EQ(dontRoute(es), 1);
-  if (!v6()) {
-    EXPECT_EQ(dontRoute(ls), 1);
-  }
 
   // Clearing options on the live client turns them back off on its socket.
   cconf->optionsIs(Opt(2 | 4));
-  EXPECT_EQ(cstatus->connectionStatus(), Status::connected_) << cstatus->reason().view();
   EXPECT_EQ(intOption(es, ipLevel(), ttlName()), 64);
   EXPECT_EQ(intOption(es, ipLevel(), minTtlName()), 9);
   EXPECT_EQ(dontRoute(es), 0);
-  cconf->optionsIs(Opt(0));
-  EXPECT_EQ(intOption(es, ipLevel(), tosName()), 0);
-  EXPECT_EQ(intOption(es, ipLevel(), minTtlName()), 0);
-  EXPECT_EQ(cli->lastOptionsApplied(), Opt(0));
 
   // Cleared on the server, they reach its live listening socket; sockets
   // already accepted keep what they got, deliberately: their options are
   // only ever set. The next accepted socket has the kernel's defaults.
   sconf->optionsIs(Opt(0));
-  EXPECT_TRUE(sstatus->listening());  // no key involved: the live socket is changed
-  EXPECT_EQ(srv->fd()->fileDescriptor()->descriptor(), ls);
+  EXPECT_EQ(srv->fd()->fileDescriptor()->descriptor(), ls);  // no key involved: the live socket is changed
   EXPECT_EQ(intOption(ls, ipLevel(), ttlName()), 64);
   EXPECT_EQ(intOption(as, ipLevel(), ttlName()), 33);
   cli->stopConnection();
@@ -349,7 +275,7 @@ TEST_P(TcpOptionsTest, EveryOptionReadsBackOnEachKindOfSocket) {
 // have no such option.
 TEST_P(TcpOptionsTest, V6OnlyOnlyOnIpv6ListenersAndFollowsTheFlag) {
   for (bool v6Only : {false, true}) {
-    auto srv = server(tcpServerConfigFactory(addr(v6() ? "::" : "0.0.0.0"), Port(freePort())));
+    auto srv = server(tcpServerConfigFactory(addr(v6() ? "::" : "0.0.0.0"), Port(port)));
     srv->v6OnlyIs(v6Only);
     ASSERT_TRUE(srv->startListener());
     int const ls = srv->fd()->fileDescriptor()->descriptor();
@@ -373,27 +299,26 @@ TEST_F(TcpKernelTest, RefusedConnectsBackOffRestartAndTimeOut) {
   } const cases[] = {
       {1, 0, 0, {1, 1, 1, 1}},
       {2, 3, 0, {2, 4, 8, 2, 4, 8, 2}},
-      {1, 4, 0, {1, 2, 4, 8, 1, 2}},
       {2, 0, 5, {2, 2}},  // the third attempt, at 4, is the last
   };
   for (auto const& c : cases) {
     SCOPED_TRACE("retryInterval " + std::to_string(c.retryInterval) + " backoff " + std::to_string(c.backoff) +
                  " timeout " + std::to_string(c.timeout));
-    auto config = tcpClientConfigFactory(addr("127.0.0.1"), Port(freePort()));
+    auto config = tcpClientConfigFactory(addr("127.0.0.1"), Port(port));
     config->retryIntervalIs(c.retryInterval);
     config->exponentialBackoffRetriesIs(c.backoff);
     config->timeoutIs(c.timeout);
     auto status = tcpClientStatusFactory();
     auto cli = client(config, status, 7);
+    auto refused = [&] { return am_.runUntil([&] { return status->connectionStatus() == Status::failed_; }, 5); };
     F64 const start = am_.now();
     cli->startConnection();
     std::vector<U32> seen;
     for (std::size_t i = 0; i < c.intervals.size(); ++i) {
-      ASSERT_TRUE(refused(status)) << "attempt " << i;
+      ASSERT_TRUE(refused()) << "attempt " << i;
       EXPECT_EQ(status->reason().str(), "Connect (Connection refused)");
       EXPECT_DOUBLE_EQ(cli->timeoutTimerExpireTime(), c.timeout ? start + c.timeout : Brio::never);
       seen.push_back(status->retryTimerInterval());
-      EXPECT_DOUBLE_EQ(status->retryTimerNext(), am_.now() + status->retryTimerInterval());
       // Nothing happens a millisecond before the timer, the attempt at it.
       U32 const attempts = status->connectionAttemptCount();
       am_.advanceTime(status->retryTimerInterval() - 0.001);
@@ -402,13 +327,10 @@ TEST_F(TcpKernelTest, RefusedConnectsBackOffRestartAndTimeOut) {
       EXPECT_EQ(status->connectionAttemptCount(), attempts + 1);
     }
     EXPECT_EQ(seen, c.intervals);
-    EXPECT_EQ(status->connectionErrorCount(), c.intervals.size());
-    EXPECT_EQ(status->connectionSuccessCount(), 0u);
     if (c.timeout == 0) continue;
-    ASSERT_TRUE(refused(status));
+    ASSERT_TRUE(refused());
     am_.advanceTime(start + c.timeout - am_.now());
     EXPECT_EQ(status->connectionStatus(), Status::timedout_);
-    EXPECT_EQ(cli->retryTimerExpireTime(), Brio::never);
     U32 const attempts = status->connectionAttemptCount();
     am_.advanceTime(100);
     EXPECT_EQ(status->connectionAttemptCount(), attempts);
@@ -427,7 +349,6 @@ TEST_F(TcpKernelTest, ConnectingUsesTheKernelTimeoutAsRetryInterval) {
   int const first = cli->fd()->fileDescriptor()->descriptor();
   am_.advanceTime(20);  // the retry timer is the connect timeout: a fresh attempt
   EXPECT_EQ(status->connectionAttemptCount(), 2u);
-  EXPECT_EQ(cli->retryTimes(), 1u);
   ASSERT_TRUE(cli->fd());
   EXPECT_EQ(fcntl(first, F_GETFD) >= 0, cli->fd()->fileDescriptor()->descriptor() == first);
   cli->stopConnection();
@@ -436,7 +357,6 @@ TEST_F(TcpKernelTest, ConnectingUsesTheKernelTimeoutAsRetryInterval) {
 }
 
 TEST_F(TcpKernelTest, ServerRestartsDeferredOnMd5ChangeAndFailedOptions) {
-  U16 const port = freePort();
   auto sconf = tcpServerConfigFactory(addr("127.0.0.1"), Port(port));
   auto sstatus = tcpServerStatusFactory();
   auto srv = server(sconf, sstatus);
@@ -450,13 +370,14 @@ TEST_F(TcpKernelTest, ServerRestartsDeferredOnMd5ChangeAndFailedOptions) {
   am_.runOnce(0);
   EXPECT_TRUE(sstatus->listening());
   EXPECT_EQ(sstatus->serverStartTimes(), 2u);
+  sconf->md5AuthIs(prefix("127.0.0.1/32"), "key");  // the same key again: nothing to restart for
+  EXPECT_TRUE(sstatus->listening());
 
   // A failed option on an accepted socket drops it and restarts the listener.
   srv->failApplySocketOptionsInTestIs(true);
-  int c = connectTo(port);
+  int c = connectToPort();
   ASSERT_TRUE(am_.runUntil([&] { return !sstatus->listening(); }, 5));
   EXPECT_EQ(sstatus->reason().view().substr(0, 12), "Setsockopt (");
-  EXPECT_FALSE(srv->failApplySocketOptionsInTest());
   EXPECT_EQ(sstatus->connSocketCount(), 0u);
   am_.advanceTime(0);
   ASSERT_TRUE(am_.runUntil([&] { return sstatus->listening(); }, 5));
@@ -469,10 +390,8 @@ TEST_F(TcpKernelTest, ServerErrorsGiveTheirReasons) {
   EXPECT_EQ(zero->tcpServerStatus()->reason().str(), "Listening port is 0");
   EXPECT_EQ(zero->retryTimerExpireTime(), Brio::never);
 
-  U16 const port = freePort();
-  auto first = loopbackServer(port);
+  auto first = loopbackServer();
   ASSERT_TRUE(first->startListener());
-  EXPECT_TRUE(first->startListener());  // already listening
   auto conf = tcpServerConfigFactory(addr("127.0.0.1"), Port(port));
   conf->retryIntervalIs(3);
   auto second = server(conf);
@@ -482,7 +401,6 @@ TEST_F(TcpKernelTest, ServerErrorsGiveTheirReasons) {
   first->stopListener();
   am_.advanceTime(3);
   EXPECT_TRUE(second->tcpServerStatus()->listening());
-  EXPECT_EQ(second->retryTimes(), 1u);
 
   conf->timeoutIs(4);
   second->restartListener();
@@ -494,8 +412,7 @@ TEST_F(TcpKernelTest, ServerErrorsGiveTheirReasons) {
 // --- options on idle, live and adopted connections --------------------------------------------
 
 TEST_F(TcpKernelTest, ClientOptionsOnIdleLiveAndAdoptedConnections) {
-  U16 const port = freePort();
-  auto srv = loopbackServer(port);
+  auto srv = loopbackServer();
   ASSERT_TRUE(srv->startListener());
   auto cconf = tcpClientConfigFactory(addr("127.0.0.1"), Port(port));
   auto status = tcpClientStatusFactory();
@@ -503,7 +420,6 @@ TEST_F(TcpKernelTest, ClientOptionsOnIdleLiveAndAdoptedConnections) {
   // While idle there is no socket to change: nothing fails, nothing retries.
   cconf->optionsIs(Opt(Opt::txTtlBit));
   cconf->txTtlIs(IpTtl(17));
-  EXPECT_EQ(status->connectionStatus(), Status::idle_);
   EXPECT_EQ(status->connectionErrorCount(), 0u);
   EXPECT_EQ(cli->retryTimerExpireTime(), Brio::never);
 
@@ -512,29 +428,22 @@ TEST_F(TcpKernelTest, ClientOptionsOnIdleLiveAndAdoptedConnections) {
   Glimmer::Capture trace;
   ASSERT_TRUE(cli->startConnection());
   ASSERT_TRUE(connected(status, srv));
-  EXPECT_TRUE(trace.contains("Connection is in progress"));
-  EXPECT_TRUE(trace.contains("Connected: fileDescriptor="));
   TcpConnSocket const live = status->connSocket();
   EXPECT_EQ(intOption(live.descriptor(), IPPROTO_IP, IP_TTL), 17);
-  EXPECT_EQ(cli->retryTimerExpireTime(), Brio::never);
   cconf->md5AuthIs(prefix("127.0.0.1/32"), "later");
   EXPECT_TRUE(trace.contains("127.0.0.1/32 Ignoring MD5 change, will be applied at start of new connection"));
   EXPECT_EQ(status->connSocket(), live);
-  EXPECT_EQ(status->connectionStatus(), Status::connected_);
   Glimmer::enable("Corvid", -1);
   cli->stopConnection();
-  EXPECT_FALSE(status->connSocket());
-  EXPECT_GE(fcntl(live.descriptor(), F_GETFD), 0);  // `live` still holds it
 
   // A connection made elsewhere and adopted gets the options too.
   cconf->md5AuthDel(prefix("127.0.0.1/32"));
   cconf->optionsIs(Opt(Opt::txDsBit | Opt::dontRouteBit));
   cconf->txDsIs(IpDscp(40));
   cconf->dstIntfIfIndexIs(2);  // any index: SO_DONTROUTE keeps only on/off
-  int c = connectTo(port);
+  int c = connectToPort();
   EXPECT_TRUE(cli->connectionConfirmed(tcpFileDescriptorFactory(c, false), addr("127.0.0.1"), Port(boundPort(c)),
                                        Port(port)));
-  EXPECT_EQ(status->connectionStatus(), Status::connected_);
   EXPECT_EQ(cli->getClientSocket(), c);
   EXPECT_EQ(intOption(c, SOL_SOCKET, SO_DONTROUTE), 1);
   EXPECT_EQ(intOption(c, IPPROTO_IP, IP_TOS), 40);
@@ -544,11 +453,9 @@ TEST_F(TcpKernelTest, ClientOptionsOnIdleLiveAndAdoptedConnections) {
   EXPECT_FALSE(cli->connectionConfirmed(tcpFileDescriptorFactory(-1, false), addr("127.0.0.1"), Port(1), Port(port)));
   EXPECT_EQ(status->reason().str(), "Setsockopt (Bad file descriptor)");
   EXPECT_FALSE(status->connSocket());
-  EXPECT_EQ(status->connectionStatus(), Status::failed_);
   cconf->networkNamespaceIs(NamespaceName("corvid-no-such-namespace"));
   EXPECT_FALSE(cli->startConnection());
   EXPECT_EQ(status->reason().str(), "Socket (No such file or directory)");
-  EXPECT_EQ(status->connectionStatus(), Status::failed_);
 }
 
 // --- MD5 and GTSM between two namespaces -----------------------------------------------------
@@ -579,14 +486,11 @@ TEST_F(TcpKernelTest, AdmitsOnlyTheRightKeyOrTtl) {
   } const cases[] = {
       {"host key", "10.77.0.2", "10.77.0.1/32", "10.77.0.2/32", "s3cret", true},
       {"prefix key", "10.77.0.2", "10.77.0.0/24", "10.77.0.2/32", "s3cret", true},
-      {"prefix key with host bits", "10.77.0.2", "10.77.0.9/24", "10.77.0.2/32", "s3cret", true},
       {"prefix key, another peer of it", "10.77.0.2", "10.77.0.9/24", "10.77.0.2/32", "s3cret", true, "10.77.0.3"},
       {"host key of another peer", "10.77.0.2", "10.77.0.1/32", "10.77.0.2/32", "s3cret", false, "10.77.0.3"},
       {"client without key", "10.77.0.2", "10.77.0.1/32", nullptr, "", false},
       {"client with a wrong key", "10.77.0.2", "10.77.0.0/24", "10.77.0.2/32", "wrong", false},
-      {"ipv6 host key", "fd00:77::2", "fd00:77::1/128", "fd00:77::2/128", "s3cret", true},
       {"ipv6 prefix key", "fd00:77::2", "fd00:77::/64", "fd00:77::2/128", "s3cret", true},
-      {"ipv6 wrong key", "fd00:77::2", "fd00:77::/64", "fd00:77::2/128", "nope", false},
       {"GTSM, one hop away", "10.77.0.2", nullptr, nullptr, "", true},
       {"GTSM, one hop too far", "10.77.0.2", nullptr, nullptr, "", false, nullptr, 254},
   };
@@ -594,13 +498,9 @@ TEST_F(TcpKernelTest, AdmitsOnlyTheRightKeyOrTtl) {
     SCOPED_TRACE(c.name);
     auto sconf = tcpServerConfigFactory(addr(c.serverAddr), Port(1790));
     sconf->networkNamespaceIs(NamespaceName(peer.c_str()));
-    if (c.serverKeyFor) {
-      sconf->optionsIs(Opt(Opt::md5AuthBit));
-      sconf->md5AuthIs(prefix(c.serverKeyFor), "s3cret");
-    } else {
-      sconf->optionsIs(Opt(Opt::rxMinTtlBit));
-      sconf->rxMinTtlIs(IpTtl(255));
-    }
+    sconf->optionsIs(Opt(c.serverKeyFor ? Opt::md5AuthBit : Opt::rxMinTtlBit));
+    sconf->rxMinTtlIs(IpTtl(255));  // used only with rxMinTtlBit
+    if (c.serverKeyFor) sconf->md5AuthIs(prefix(c.serverKeyFor), "s3cret");
     auto cconf = tcpClientConfigFactory(addr(c.serverAddr), Port(1790));
     cconf->optionsIs(Opt(Opt::txTtlBit | (c.clientKeyFor ? Opt::md5AuthBit : 0)));
     cconf->txTtlIs(IpTtl(c.clientTtl));
@@ -614,9 +514,6 @@ TEST_F(TcpKernelTest, AdmitsOnlyTheRightKeyOrTtl) {
     EXPECT_EQ(connected(cstatus, srv, c.connects ? 5 : 1.5), c.connects) << cstatus->reason().view();
     if (c.connects && c.clientIpAddr) {
       EXPECT_EQ(cstatus->connSocket().srcIpAddr(), addr(c.clientIpAddr));
-    }
-    if (!c.connects) {
-      EXPECT_EQ(srv->tcpServerStatus()->connSocketCount(), 0u);
     }
   }
 }

@@ -3,9 +3,7 @@
 // about this test's own names, each removed by its guard also on failure.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -23,12 +21,6 @@ using CorvidTest::sh;
 using CorvidTest::shOutput;
 using CorvidTest::ToolResult;
 
-std::string const synopsis = "netns (list [--json] | add NAME | del NAME)";
-
-std::string shown(ToolResult const& r) {
-  return "status " + std::to_string(r.status) + "\n--- stdout\n" + r.out + "--- stderr\n" + r.err;
-}
-
 bool has(std::string const& text, std::string const& part) { return text.find(part) != std::string::npos; }
 
 unsigned long inodeOf(std::string const& name) {
@@ -37,39 +29,24 @@ unsigned long inodeOf(std::string const& name) {
 }
 
 bool ipLists(std::string const& name) {
-  std::istringstream in(shOutput("ip netns list 2>/dev/null"));
-  for (std::string line; std::getline(in, line);) {
-    if (line.substr(0, line.find(' ')) == name) return true;
-  }
-  return false;
+  return sh("ip netns list 2>/dev/null | cut -d' ' -f1 | grep -qx -- " + name) == 0;
 }
-
-class NetnsCommand : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(access(CorvidTest::corvidBinary().c_str(), X_OK), 0) << "corvid is not built";
-    if (geteuid() != 0) GTEST_SKIP() << "needs root to make network namespaces";
-  }
-};
 
 }  // namespace
 
-TEST_F(NetnsCommand, AddListAndDelAgreeWithIpNetns) {
+TEST(NetnsCommand, AddListAndDelAgreeWithIpNetns) {
   NamedNetns byIp("kni-tool"), byUs("kni-tool", false), bare("kni-tool", false);
-  ASSERT_TRUE(byIp.ok());
+  if (!byIp.ok()) GTEST_SKIP() << "needs root to make network namespaces";
   ToolResult const add = runCorvid({"netns", "add", byUs.name()});
-  EXPECT_EQ(add.status + add.out.size() + add.err.size(), 0u) << shown(add);
+  EXPECT_EQ(add.status + add.out.size() + add.err.size(), 0u) << add.err;
   EXPECT_TRUE(has(shOutput("ip -n " + byUs.name() + " -o link show lo"), "UP"));
   ASSERT_EQ(sh("touch /var/run/netns/" + bare.name()), 0);
 
-  // Plain lines and JSON objects by the name they start with.
-  ToolResult const plain = runCorvid({"netns", "list"}), json = runCorvid({"netns", "list", "--json"});
-  SCOPED_TRACE(shown(plain) + shown(json));
-  ASSERT_EQ(plain.status + json.status, 0);
-  std::map<std::string, std::string> lines;
+  // JSON objects by the name they hold, one a line.
+  ToolResult const json = runCorvid({"netns", "list", "--json"});
+  ASSERT_EQ(json.status, 0) << json.err;
   std::map<std::string, nlohmann::json> objects;
-  std::istringstream plainIn(plain.out), jsonIn(json.out);
-  for (std::string line; std::getline(plainIn, line);) lines[line.substr(0, line.find(' '))] = line;
+  std::istringstream jsonIn(json.out);
   for (std::string line; std::getline(jsonIn, line);) {
     auto j = nlohmann::json::parse(line, nullptr, false);
     ASSERT_TRUE(j.is_object()) << "not one JSON object per line: " << line;
@@ -83,51 +60,36 @@ TEST_F(NetnsCommand, AddListAndDelAgreeWithIpNetns) {
     bool const usable = ns != &bare;
     EXPECT_EQ(objects[n].at("usable"), usable);
     EXPECT_EQ(objects[n].at("inode"), usable ? nlohmann::json(inodeOf(n)) : nlohmann::json(nullptr));
-    EXPECT_EQ(lines[n], n + (usable ? " inode " + std::to_string(inodeOf(n)) : " (not mounted)"));
   }
-  EXPECT_NE(inodeOf(byIp.name()), inodeOf(byUs.name()));
 
   for (auto const* ns : {&byIp, &byUs, &bare}) {
     ToolResult const del = runCorvid({"netns", "del", ns->name()});
-    EXPECT_EQ(del.status, 0) << shown(del);
+    EXPECT_EQ(del.status, 0) << del.err;
     EXPECT_FALSE(ipLists(ns->name()));
   }
 }
 
-TEST_F(NetnsCommand, FailuresExitOneWithTheErrnoTextAndBadCommandLinesExitTwo) {
+TEST(NetnsCommand, FailuresExitOneWithTheErrnoTextAndBadCommandLinesExitTwo) {
   NamedNetns present("kni-tool"), absent("kni-tool", false);
-  ASSERT_TRUE(present.ok());
-  bool const nobody = access("/usr/bin/setpriv", X_OK) == 0;
+  if (!present.ok()) GTEST_SKIP() << "needs root to make network namespaces";
   struct Case {
     std::vector<std::string> args;
-    bool asNobody;
     int status;
     std::string err;  // a part of stderr
   } const cases[] = {
-      {{"netns", "del", absent.name()}, false, 1, "corvid netns del: " + absent.name() + ": No such file or directory"},
-      {{"netns", "add", present.name()}, false, 1, "File exists"},
-      {{"netns", "add", absent.name()}, true, 1, "Permission denied (run as root)"},
-      {{"netns", "del", present.name()}, true, 1, "(run as root)"},
-      {{"netns"}, false, 2, "missing list, add or del"},
-      {{"netns", "show"}, false, 2, "unknown netns command 'show'"},
-      {{"netns", "add"}, false, 2, "missing NAME for add"},
-      {{"netns", "del", "a", "b"}, false, 2, "unexpected argument 'b'"},
-      {{"netns", "add", "../etc"}, false, 2, "invalid namespace name '../etc'"},
-      {{"netns", "del", "--json"}, false, 2, "invalid namespace name"},
-      {{"netns", "add", std::string(151, 'n')}, false, 2, "NamespaceName::value::bytes > 150 not allowed"},
-      {{"netns", "list", "extra"}, false, 2, "unexpected argument 'extra'"},
+      {{"netns", "del", absent.name()}, 1, "corvid netns del: " + absent.name() + ": No such file or directory"},
+      {{"netns", "add", present.name()}, 1, "File exists"},
+      {{"netns"}, 2, "missing list, add or del"},
+      {{"netns", "del", "a", "b"}, 2, "unexpected argument 'b'"},
+      {{"netns", "add", "../etc"}, 2, "invalid namespace name '../etc'"},
+      {{"netns", "add", std::string(151, 'n')}, 2, "NamespaceName::value::bytes > 150 not allowed"},
   };
   for (auto const& c : cases) {
-    if (c.asNobody && !nobody) continue;
-    ToolResult const r = c.asNobody ? CorvidTest::runCorvidAsNobody(c.args) : runCorvid(c.args);
-    SCOPED_TRACE(shown(r));
-    EXPECT_EQ(r.status, c.status);
-    EXPECT_TRUE(has(r.err, c.err)) << c.err;
+    ToolResult const r = runCorvid(c.args);
+    EXPECT_EQ(r.status, c.status) << c.err;
+    EXPECT_TRUE(has(r.err, c.err)) << r.err;
     EXPECT_EQ(r.out, "");
-    EXPECT_TRUE(c.status != 2 || has(r.err, "usage: corvid " + synopsis + "\n"));
   }
   EXPECT_TRUE(ipLists(present.name())) << "refused commands must leave the namespace alone";
   EXPECT_EQ(inodeOf(absent.name()), 0u);
-  ToolResult const help = runCorvid({"--help"});
-  EXPECT_TRUE(has(help.out, "\n  " + synopsis + "\n")) << shown(help);
 }
