@@ -90,7 +90,9 @@ TEST_F(PktSocketTest, ReadsIntoThePreviousPacketOnlyWhenNothingElseCanSeeIt) {
     EXPECT_EQ(second->beginOffset(), 0);
     EXPECT_FALSE(second->tciPresent());
     EXPECT_EQ(second->maxSharedData(), manager->defaultBufferSize());
-    if (kept) EXPECT_EQ(kept->stringValue(), keptText);
+    if (kept) {
+      EXPECT_EQ(kept->stringValue(), keptText);
+    }
   }
 }
 

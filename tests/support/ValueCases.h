@@ -191,7 +191,7 @@ template <class T>
 void expectPrintToBufferLikeSnprintf(T const& v, std::string const& text) {
   for (unsigned size = 0; size <= text.size() + 1; ++size) {
     std::vector<char> buf(size + 1, '#'), expected(size + 1, '#');
-    int const whole = std::snprintf(size ? expected.data() : nullptr, size, "%s", text.c_str());
+    int const whole = std::snprintf(expected.data(), size, "%s", text.c_str());  // writes nothing at size 0
     EXPECT_EQ(v.printToBuffer(size ? buf.data() : nullptr, size), static_cast<unsigned>(whole)) << size;
     EXPECT_EQ(std::string(buf.begin(), buf.end()), std::string(expected.begin(), expected.end())) << size;
   }
