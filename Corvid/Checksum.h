@@ -23,14 +23,14 @@
 #include <Fennel/Fennel.h>
 
 #include <bit>
-#include <utility>
-#include <vector>
 #include <compare>
 #include <cstddef>
 #include <cstring>
 #include <functional>
 #include <iosfwd>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace Corvid {
 
