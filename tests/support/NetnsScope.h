@@ -12,14 +12,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <signal.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <iterator>
 #include <string>
+
+#include "FatalCleanup.h"
 
 namespace CorvidTest {
 
@@ -68,71 +67,21 @@ class NetnsScope {
   bool ok_ = false;
 };
 
-// Named namespaces must go also when a test process dies on an assertion
-// (abort skips every destructor). The live names are kept here with the pid
-// that made them; a handler for the fatal signals detaches and unlinks the
-// mounts of this process's own entries (umount2 and unlink are
-// async-signal-safe; a forked death-test child has another pid and leaves its
-// parent's alone), then lets the signal go on as before.
-namespace netnsDetail {
-
-struct LiveName {
-  pid_t owner;
-  char path[160];
-};
-inline LiveName liveNames[32];
-inline constexpr int fatalSignals[] = {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL};
-inline struct sigaction previous[std::size(fatalSignals)];
-
-inline void removeLiveNamesAndReraise(int signal) {
-  for (LiveName& n : liveNames) {
-    if (n.owner == getpid()) {
-      umount2(n.path, MNT_DETACH);
-      unlink(n.path);
-      n.owner = 0;
-    }
-  }
-  for (std::size_t i = 0; i < std::size(fatalSignals); ++i) {
-    if (fatalSignals[i] == signal) sigaction(signal, &previous[i], nullptr);  // a sanitizer's, or the default
-  }
-  raise(signal);
-}
-
-inline void track(std::string const& name, bool add) {
-  static bool const handlers = [] {
-    struct sigaction a {};
-    a.sa_handler = removeLiveNamesAndReraise;
-    for (std::size_t i = 0; i < std::size(fatalSignals); ++i) sigaction(fatalSignals[i], &a, &previous[i]);
-    return true;
-  }();
-  static_cast<void>(handlers);
-  std::string const path = "/run/netns/" + name;
-  for (LiveName& n : liveNames) {
-    if (add ? n.owner == 0 : (n.owner == getpid() && path == n.path)) {
-      std::snprintf(n.path, sizeof n.path, "%s", path.c_str());
-      n.owner = add ? getpid() : 0;
-      return;
-    }
-  }
-}
-
-}  // namespace netnsDetail
-
 // A named namespace for one test: a unique name (pid and a counter), made
 // with `ip netns add` when `make`, and always removed with `ip netns del`
 // when the object goes, whoever made it in between (on a fatal signal, by
-// the handler above).
+// FatalCleanup's handler).
 class NamedNetns {
  public:
   explicit NamedNetns(std::string const& tag, bool make = true) {
     static int counter = 0;
     name_ = "corvid-" + tag + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
-    netnsDetail::track(name_, true);
+    fatalCleanup::watch(fatalCleanup::Kind::mount, "/run/netns/" + name_, true);
     ok_ = !make || sh("ip netns add " + name_ + " && ip -n " + name_ + " link set lo up") == 0;
   }
   ~NamedNetns() {
     sh("ip netns del " + name_ + " 2>/dev/null");
-    netnsDetail::track(name_, false);
+    fatalCleanup::watch(fatalCleanup::Kind::mount, "/run/netns/" + name_, false);
   }
   NamedNetns(NamedNetns const&) = delete;
   NamedNetns& operator=(NamedNetns const&) = delete;

@@ -2,7 +2,8 @@
 // processes that talk to the test over a pair of pipes in lines.
 //
 // ShoalRoot makes a fresh directory under /dev/shm, points SHOAL_ROOT at it
-// and removes it (with everything below) when it goes. Child forks a
+// and removes it (with everything below) when it goes, also on a fatal
+// signal (FatalCleanup.h). Child forks a
 // process running a function; the test writes command lines to it and
 // reads answer lines with a deadline, and the destructor kills and reaps
 // the child whatever happened, so no test leaves processes or files behind.
@@ -20,6 +21,8 @@
 #include <functional>
 #include <string>
 
+#include "FatalCleanup.h"
+
 namespace CorvidTest {
 
 class ShoalRoot {
@@ -28,11 +31,15 @@ class ShoalRoot {
     char tmpl[] = "/dev/shm/corvid-test-XXXXXX";
     char* d = mkdtemp(tmpl);
     path_ = d ? d : "";
+    if (!path_.empty()) fatalCleanup::watch(fatalCleanup::Kind::tree, path_, true);
     setenv("SHOAL_ROOT", path_.c_str(), 1);
   }
   ~ShoalRoot() {
     std::error_code ec;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+    if (!path_.empty()) {
+      std::filesystem::remove_all(path_, ec);
+      fatalCleanup::watch(fatalCleanup::Kind::tree, path_, false);
+    }
     unsetenv("SHOAL_ROOT");
   }
   std::string const& path() const { return path_; }
