@@ -318,8 +318,8 @@ __attribute__((target("avx512bw,avx512vnni"))) U64 wordSumAvx512Vnni(U8 const* p
       vnniStep(s0, o6, _mm512_loadu_si512(p));
       p += width, bytes -= width;
     }
+    // A part vector only ends the last block (the others are whole).
     if (bytes > 0) vnniStep(s1, o7, _mm512_maskz_loadu_epi8((U64(1) << bytes) - 1, p));
-    p += bytes;
     // Per 32-bit lane: e = (s_a + s_b - 256 o) mod 2^16, then 256 e + o
     // (below 2^25), the lanes summed.
     __m512i const pairs = _mm512_add_epi16(s0, s1);
@@ -349,6 +349,7 @@ bool avx512Available() {
 
 bool avx512VnniAvailable() { return avx512Available() && __builtin_cpu_supports("avx512vnni"); }
 
+// Narrowest first: the last is the one wordSumLong uses.
 std::vector<std::pair<char const*, WordSumFn>> wordSumKernels() {
   std::vector<std::pair<char const*, WordSumFn>> kernels = {{"scalar", wordSumScalar}, {"sse2", wordSumSse2}};
   if (avx2Available()) kernels.emplace_back("avx2", wordSumAvx2);
@@ -367,10 +368,7 @@ U64 wordSumFirstCall(U8 const* p, std::size_t len);
 WordSumFn wordSumChosen = wordSumFirstCall;
 
 U64 wordSumFirstCall(U8 const* p, std::size_t len) {
-  WordSumFn const chosen = avx512VnniAvailable() ? wordSumAvx512Vnni
-                           : avx512Available()   ? wordSumAvx512
-                           : avx2Available()     ? wordSumAvx2
-                                                 : wordSumSse2;
+  WordSumFn const chosen = wordSumKernels().back().second;  // the widest
   __atomic_store_n(&wordSumChosen, chosen, __ATOMIC_RELAXED);
   return chosen(p, len);
 }
@@ -379,12 +377,7 @@ U64 wordSumFirstCall(U8 const* p, std::size_t len) {
 
 U64 wordSumLong(U8 const* p, std::size_t len) { return __atomic_load_n(&wordSumChosen, __ATOMIC_RELAXED)(p, len); }
 
-char const* wordSumLongKernel() {
-  return avx512VnniAvailable() ? "avx512-vnni"
-         : avx512Available()   ? "avx512"
-         : avx2Available()     ? "avx2"
-                               : "sse2";
-}
+char const* wordSumLongKernel() { return wordSumKernels().back().first; }
 
 #else
 
